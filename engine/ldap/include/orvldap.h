@@ -29,7 +29,7 @@ extern "C" {
 /* ------------------------------------------------------------------ */
 
 typedef struct ORVLibAttribute {
-    unsigned long attrId; /* attribute identifier (see getMappedAttrId) */
+    int attrId;           /* attribute identifier (see getMappedAttrId) */
     char* attrName;       /* attribute name as the server spelled it     */
     char** attrVals;      /* NULL-terminated array of values             */
 } ORVLibAttribute;
@@ -319,7 +319,32 @@ ORV_API char* orvlib_create_guid(void);
 ORV_API void orvlib_set_user_uuid_generation_flag(int flag);
 ORV_API int orvlib_get_user_uuid_generation_flag(void);
 
-/* ---- session, search, update, registry and relationship API follow ---- */
+/* ------------------------------------------------------------------ */
+/* Session                                                             */
+/* ------------------------------------------------------------------ */
+
+ORV_API int orvlib_init(void);
+/* Certificate directory; the key database is <path>certdb//orvclientkey.kdb. */
+ORV_API void orvlib_setcertdb_path(const char* path);
+/* Opens and binds the local session (ssl 1: SSL, 0: plain); NULL on failure,
+ * status in ldapErrCode.  *info receives a new record (orvlib_orvlibinfo_free;
+ * its two server version strings are freed with orvlib_memfree). */
+ORV_API LDAP* orvlib_getsession_context(const char* host, int port, ORVLibInfo** info, int ssl);
+/* *out receives a copy of the option's value (orvlib_memfree). */
+ORV_API int orvlib_get_orvlibinfo(ORVLibInfo* info, int option, char** out);
+ORV_API int orvlib_is_trusted_os_auth_supported(LDAP* ld);
+ORV_API void orvlib_enable_paging(short flag);
+ORV_API void orvlib_flush_cache(void);
+ORV_API int orvlib_unbind(LDAP* ld);
+ORV_API int orvlib_uninitialize_lib(void);
+ORV_API char* orvlib_get_user_rdn(LDAP* ld);
+ORV_API char* orvlib_get_user_dn(const char* uid);
+
+/* Connection status: 3040 usable, 3041 not usable, 3007 no handle. */
+ORV_API int orvlib_get_connection_status(LDAP* ld);
+ORV_API int orvlib_validate_server_details(const char* server, int port, int ssl);
+
+/* ---- search, update, registry and relationship API follow ---- */
 
 #ifdef __cplusplus
 }

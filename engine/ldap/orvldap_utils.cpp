@@ -1,0 +1,456 @@
+// orvldap_utils.cpp - filter and DN utilities.
+//
+// Client applications pass nearly-filters: a bare name, a filter missing its
+// outer parentheses, a DN.  These helpers repair such text in a few fixed,
+// simple ways (add the outer parentheses, escape unbalanced parentheses,
+// escape DN special characters) instead of parsing it, build the search
+// filters of the people and group searches, and tell whether a text names a
+// DN under one of the configured search bases.
+//
+// Every string handed back is a new allocation from the library allocator
+// (freed with orvlib_memfree); inputs are never modified.  Strings are built
+// with std::string, so no input length is too long.
+
+#include <strings.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "orv_internal.hpp"
+#include "orvldap_utils.h"
+
+namespace {
+
+// Copy of text through the library allocator (NULL if allocation fails).
+char* orv_copy(const std::string& text) {
+    return _orvlib_dupString(text.c_str());
+}
+
+std::string lowered(const std::string& text) {
+    std::string out(text);
+    for (char& ch : out) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    return out;
+}
+
+std::string without_spaces(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char ch : text)
+        if (ch != ' ') out.push_back(ch);
+    return out;
+}
+
+// The parenthesis repair of remove_paranthesis_from_string, without logging.
+std::string escape_unbalanced(const std::string& text) {
+    int depth = 0;
+    for (char ch : text) {
+        if (ch == '(') ++depth;
+        else if (ch == ')') --depth;
+        if (depth == -1) break;
+    }
+    if (depth == 0) return text;
+
+    std::string out;
+    out.reserve(text.size() + 16);
+    for (char ch : text) {
+        if (ch == '(') out += "\\28";
+        else if (ch == ')') out += "\\29";
+        else out.push_back(ch);
+    }
+    return out;
+}
+
+// Lower-cased, space-free form used to compare a text with a search base.
+std::string dn_key(const std::string& text) {
+    return lowered(without_spaces(text));
+}
+
+// dn_key of a client text after its unbalanced parentheses are escaped.
+std::string dn_key_of_input(const char* text) {
+    orv::OrvString cleaned(remove_paranthesis_from_string(text));
+    return cleaned ? dn_key(cleaned.get()) : std::string();
+}
+
+// True when haystack contains the normalised base.  A base that is missing or
+// normalises to nothing matches no text.
+bool contains_base(const std::string& haystack, const char* base) {
+    if (base == nullptr) return false;
+    std::string key = dn_key(base);
+    if (key.empty()) return false;
+    return haystack.find(key) != std::string::npos;
+}
+
+const char* class_filter_for(int searchType) {
+    if (searchType == ORV_SEARCH_PEOPLE) return ORV_CONSTANT_PEOPLE_CLASSFILTER_STR;
+    if (searchType == ORV_SEARCH_GROUPS)
+        return TIER2_GROUP_SEARCH != 0 ? ORV_CONSTANT_GROUP_CLASSFILTER_STR
+                                       : ORV_CONSTANT_CORP_GROUP_CLASSFILTER_STR;
+    // No other search type reaches the filter builders with a value.
+    return "";
+}
+
+// Logon attribute of the configured partition, or NULL.
+const char* logon_attribute() {
+    if (PARTITION_INFO == nullptr) return nullptr;
+    const char* name = PARTITION_INFO->user_logon_attribute_name;
+    return (name != nullptr && *name != '\0') ? name : nullptr;
+}
+
+// Normalised form of a filter that contains "=", as defined by
+// is_filter_ldap_complaint.
+std::string normalise_compliant(const std::string& filter) {
+    std::string result;
+    std::string::size_type open = filter.find('(');
+    std::string::size_type close = filter.find(')');
+    if (open != 0) result = "(" + filter;
+    else result = filter;
+    if (close == std::string::npos || close != filter.size() - 1) result += ")";
+    return result;
+}
+
+// Shared body of _setFilter and _setFilterPaging.
+void build_filter(const char* filter, int searchType, char** out, bool paging) {
+    const char* class_filter = class_filter_for(searchType);
+    if (filter == nullptr) {
+        ORV_DEBUG("filter is NULL. Return the class filter", class_filter);
+        *out = _orvlib_dupString(class_filter);
+        return;
+    }
+
+    std::string result;
+    char* compliant = nullptr;
+    if (is_filter_ldap_complaint(filter, &compliant) == 1) {
+        if (compliant == nullptr) return;  // allocation failed
+        result = std::string("(&") + compliant + class_filter + ")";
+        orvlib_memfree(compliant);
+    } else {
+        orv::OrvString bare(remove_paranthesis_from_string(filter));
+        if (!bare) return;  // allocation failed
+        const std::string value(bare.get());
+        const char* logon = logon_attribute();
+        if (searchType == ORV_SEARCH_PEOPLE && paging) {
+            result = "(&(!(objectclass=computer))(!(objectclass=contact))(|(cn=" + value + ")";
+            if (logon != nullptr) result += std::string("(") + logon + ORV_CONSTANT_EQUALS + value + ")";
+            result += std::string(")") + class_filter + ")";
+        } else if (searchType == ORV_SEARCH_PEOPLE) {
+            result = "(&(|(cn=" + value + ")(uid=" + value + ")";
+            if (ORV_OPERATION_MODE == 1 && logon != nullptr)
+                result += std::string("(") + logon + ORV_CONSTANT_EQUALS + value + ")";
+            result += std::string(")") + class_filter + ")";
+        } else {
+            result = "(&(cn=" + value + ")" + class_filter + ")";
+        }
+    }
+
+    ORV_DEBUG(paging ? "filter: " : "Filter: ", result);
+    *out = orv_copy(result);
+}
+
+}  // namespace
+
+extern "C" {
+
+// ------------------------------------------------------------------ plain string helpers
+
+// Case-insensitive comparison as strcasecmp; a NULL text sorts before any
+// other text and equals only NULL.
+int strcmp_case_insensitive(const char* a, const char* b) {
+    ORV_TRACE();
+    if (a == nullptr || b == nullptr) return (a == b) ? 0 : (a == nullptr ? -1 : 1);
+    return strcasecmp(a, b);
+}
+
+char* string_to_lower(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    return orv_copy(lowered(s));
+}
+
+char* stringToLower(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    return orv_copy(lowered(s));
+}
+
+char* remove_spaces_from_string(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    return orv_copy(without_spaces(s));
+}
+
+int contains_char(const char* s, char c) {
+    ORV_TRACE();
+    if (s == nullptr || c == '\0') return 0;
+    const char* found = std::strchr(s, c);
+    return found == nullptr ? 0 : static_cast<int>(found - s) + 1;
+}
+
+void add_char_at(char* buffer, char c, int* position) {
+    ORV_TRACE();
+    if (buffer == nullptr || position == nullptr || *position < 0) return;
+    buffer[*position] = c;
+    ++*position;
+    buffer[*position] = '\0';
+}
+
+int contains_string(char** list, const char* s) {
+    ORV_TRACE();
+    if (list == nullptr || s == nullptr) return 0;
+    for (char** item = list; *item != nullptr; ++item)
+        if (std::strcmp(*item, s) == 0) return 1;
+    return 0;
+}
+
+int count_array_elements(char** list) {
+    ORV_TRACE();
+    if (list == nullptr) return 0;
+    int count = 0;
+    while (list[count] != nullptr) ++count;
+    return count;
+}
+
+int orvlib_utils_num_digits(int n) {
+    ORV_TRACE();
+    int digits = 0;
+    for (; n > 0; n /= 10) ++digits;
+    return digits;
+}
+
+// Decimal text of a positive number; 0 and negative numbers give "" (callers
+// format only positive counts and flags).
+char* orvlib_utils_itoa(int n) {
+    ORV_TRACE();
+    return orv_copy(n > 0 ? std::to_string(n) : std::string());
+}
+
+char* add_opening_paranthesis(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    return orv_copy(std::string("(") + s);
+}
+
+char* add_closing_paranthesis(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    return orv_copy(std::string(s) + ")");
+}
+
+// ------------------------------------------------------------------ filter and DN helpers
+
+// A filter counts as LDAP compliant when it contains "=".  Only the first
+// "(" and the first ")" of the input are looked at, so '(a=b)(c=d)' becomes
+// '(a=b)(c=d))' and 'x=(y)' becomes '(x=(y)'.
+int is_filter_ldap_complaint(const char* filter, char** out) {
+    ORV_TRACE();
+    if (filter == nullptr || out == nullptr) return 0;
+    if (std::strchr(filter, '=') == nullptr) return 0;
+
+    std::string result = normalise_compliant(filter);
+    ORV_DEBUG("Filter is LDAP Compliant:", "1");
+    *out = orv_copy(result);
+    return 1;
+}
+
+// Escapes every parenthesis as \28 / \29 when the parentheses do not balance
+// (a ")" before its "(" counts as unbalanced); otherwise an unchanged copy.
+char* remove_paranthesis_from_string(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    ORV_DEBUG("Entery String ", s);
+    std::string result = escape_unbalanced(s);
+    ORV_DEBUG("Without unbalanced Parenthesis: ", result);
+    return orv_copy(result);
+}
+
+// Puts a backslash before each DN special character, except one that sits
+// between two backslashes.  An already escaped character is escaped again.
+char* add_backslash_to_cn(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return nullptr;
+    ORV_DEBUG("Entery String ", s);
+
+    static const char kSpecial[] = ",\\=><+\"#;";
+    const std::size_t length = std::strlen(s);
+    std::string result;
+    result.reserve(length * 2);
+    for (std::size_t i = 0; i < length; ++i) {
+        const char ch = s[i];
+        const bool special = std::strchr(kSpecial, ch) != nullptr;
+        const bool between_backslashes = i > 0 && s[i - 1] == '\\' && s[i + 1] == '\\';
+        if (special && !between_backslashes) result.push_back('\\');
+        result.push_back(ch);
+    }
+    ORV_DEBUG("With Added BackSlash: ", result);
+    return orv_copy(result);
+}
+
+// Filter of ordinary (unpaged and VLV) people and group searches.
+void _setFilter(const char* filter, int searchType, char** out) {
+    ORV_TRACE();
+    if (out == nullptr) return;
+    build_filter(filter, searchType, out, false);
+}
+
+// Filter of searches that use the simple paged-results control: computer and
+// contact objects are excluded and a bare value is matched by cn and the
+// partition's logon attribute only.
+void _setFilterPaging(const char* filter, int searchType, char** out) {
+    ORV_TRACE();
+    if (out == nullptr) return;
+    build_filter(filter, searchType, out, true);
+}
+
+// The bare user id of a client filter; with "=", *rdn receives the attribute
+// name.  '(jsmith)' gives 'jsmith)' on purpose.
+char* getUIDFromFilter(const char* filter, char** rdn) {
+    ORV_TRACE();
+    if (filter == nullptr) return nullptr;
+    orv::OrvString cleaned(remove_paranthesis_from_string(filter));
+    if (!cleaned) return nullptr;
+    const std::string text(cleaned.get());
+
+    std::string value;
+    const std::string::size_type equals = text.find('=');
+    if (equals != std::string::npos) {
+        std::string name = text.substr(0, equals);
+        name.erase(0, name.find_first_not_of('('));
+        if (rdn != nullptr) *rdn = orv_copy(name);
+        const std::string::size_type close = text.find(')', equals + 1);
+        value = text.substr(equals + 1, close == std::string::npos ? std::string::npos
+                                                                   : close - equals - 1);
+    } else {
+        std::string::size_type start = text.find_first_not_of('(');
+        if (start == std::string::npos) start = text.size();
+        if (text.find('(') != std::string::npos) {
+            value = text.substr(start);
+        } else {
+            const std::string::size_type close = text.find(')', start);
+            value = text.substr(start, close == std::string::npos ? std::string::npos
+                                                                  : close - start);
+        }
+    }
+    ORV_DEBUG("uid:", value);
+    return orv_copy(value);
+}
+
+// The value after "groupCN" and the character after it (normally "="), up to
+// the next ")".  Without "groupCN", or without a ")" after it, NULL.
+char* getGroupCN(const char* filter) {
+    ORV_TRACE();
+    if (filter == nullptr) return nullptr;
+    static const char kKey[] = "groupCN";
+    const char* found = std::strstr(filter, kKey);
+    if (found == nullptr) return nullptr;
+    const char* start = found + (sizeof(kKey) - 1);
+    if (*start == '\0') return nullptr;
+    ++start;
+    const char* end = std::strchr(start, ')');
+    if (end == nullptr) return nullptr;
+    std::string value(start, static_cast<std::size_t>(end - start));
+    ORV_DEBUG("Group CN", value);
+    return orv_copy(value);
+}
+
+// 1 when the text contains one of the configured search bases (compared
+// lower-cased and without spaces), else 0.
+int string_is_dn(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return 0;
+    const std::string key = dn_key_of_input(s);
+
+    if (ORV_OPERATION_MODE == 1) {
+        if (PARTITION_INFO == nullptr) return 0;
+        if (PARTITION_INFO->partition_search_base_type != 0)
+            return (contains_base(key, CORP_PEOPLE_SEARCH_BASE) ||
+                    contains_base(key, CORP_GROUP_SEARCH_BASE)) ? 1 : 0;
+        return contains_base(key, PARTITION_INFO->search_base) ? 1 : 0;
+    }
+    if (ORV_OPERATION_MODE == 0) return contains_base(key, ORV_GROUP_SRCH_BASE) ? 1 : 0;
+    return 0;
+}
+
+// 1 when the text is a DN under the library's own group base (or, in
+// corporate mode, under the partition's search base).
+int is_filter_tier2_group_dn(const char* s) {
+    ORV_TRACE();
+    if (s == nullptr) return 0;
+    const std::string key = dn_key_of_input(s);
+
+    int result = 0;
+    if (ORV_OPERATION_MODE == 1) {
+        if (PARTITION_INFO != nullptr && contains_base(key, PARTITION_INFO->search_base)) result = 1;
+        else if (contains_base(key, ORV_GROUP_SRCH_BASE)) result = 1;
+    } else if (ORV_OPERATION_MODE == 0) {
+        result = contains_base(key, ORV_GROUP_SRCH_BASE) ? 1 : 0;
+    }
+
+    orv::OrvString text(orvlib_utils_itoa(result));
+    ORV_DEBUG("Filter is valid standalone group DN:", text ? text.get() : "");
+    return result;
+}
+
+// Sets the corporate people and group search bases from the partition.
+void populate_search_base(void) {
+    ORV_TRACE();
+    if (PARTITION_INFO == nullptr) return;
+    const bool separate = PARTITION_INFO->partition_search_base_type != 0;
+    char* people = _orvlib_dupString(separate ? PARTITION_INFO->people_search_base_suffix
+                                              : PARTITION_INFO->search_base);
+    char* groups = _orvlib_dupString(separate ? PARTITION_INFO->group_search_base_suffix
+                                              : PARTITION_INFO->search_base);
+    orvlib_memfree(CORP_PEOPLE_SEARCH_BASE);
+    orvlib_memfree(CORP_GROUP_SEARCH_BASE);
+    CORP_PEOPLE_SEARCH_BASE = people;
+    CORP_GROUP_SEARCH_BASE = groups;
+}
+
+// 1 when the filter asks for a Windows system user; sets ORV_WIN_USER_SEARCH
+// accordingly.
+int systemLoginFilterCheck(const char* filter) {
+    ORV_TRACE();
+    ORV_WIN_USER_SEARCH = 0;
+    if (filter == nullptr) return 0;
+    ORV_DEBUG("Filter before entering:", filter);
+    const std::string key = lowered(filter);
+    int result = 0;
+    if (ORVLIB_WIN_SYSTEM_USER_NAME != nullptr &&
+        key.find(lowered(ORVLIB_WIN_SYSTEM_USER_NAME)) != std::string::npos) {
+        ORV_WIN_USER_SEARCH = 1;
+        result = 1;
+    }
+    ORV_DEBUG("Filter at exit:", key);
+    return result;
+}
+
+// Enabled state of a corporate account: "OFF" when userAccountControl (44)
+// has the disabled bit, or, without that attribute, when nsAccountlock (54)
+// is exactly "true"; "ON" otherwise.
+void get_User_State(ORVLibEntry* entry, char** out) {
+    ORV_TRACE();
+    if (entry == nullptr || out == nullptr) return;
+
+    const ORVLibAttribute* control = nullptr;
+    const ORVLibAttribute* lock = nullptr;
+    if (entry->orvlibEntryAttrData != nullptr) {
+        for (ORVLibAttribute** item = entry->orvlibEntryAttrData; *item != nullptr; ++item) {
+            if ((*item)->attrId == 44 && control == nullptr) control = *item;
+            if ((*item)->attrId == 54 && lock == nullptr) lock = *item;
+        }
+    }
+
+    const char* state = "ON";
+    if (control != nullptr) {
+        const char* value = control->attrVals != nullptr ? control->attrVals[0] : nullptr;
+        if (value != nullptr) {
+            ORV_DEBUG("userAccountControl_attribute", value);
+            if (std::strtol(value, nullptr, 10) & 2) state = "OFF";  // bit 2: disabled
+        }
+    } else if (lock != nullptr && lock->attrVals != nullptr && lock->attrVals[0] != nullptr) {
+        if (std::strcmp(lock->attrVals[0], "true") == 0) state = "OFF";
+    }
+    *out = _orvlib_dupString(state);
+}
+
+}  // extern "C"
