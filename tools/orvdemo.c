@@ -1,8 +1,11 @@
 /*
  * orvdemo - a short tour of orvlib.  Without a directory it shows status
- * texts, a generated GUID and how typed filters are repaired.
+ * texts, a generated GUID and how typed filters are repaired.  Given a
+ * directory (orvdemo HOST PORT [SSLPORT CERTDIR]) it opens a session, plain
+ * and then over SSL, and shows what the server reports.
  */
 #include <stdio.h>
+#include <stdlib.h>
 #include <orvldap.h>
 #include <orvldap_utils.h>
 
@@ -23,10 +26,71 @@ static void show_filter(const char* typed, int type) {
     orvlib_memfree(out);
 }
 
-int main(void) {
+static const char* mode_name(void) {
+    if (ORV_OS_AUTH == 1) return "operating-system authentication (2)";
+    return ORV_OPERATION_MODE == 1 ? "corporate (1)" : "standalone (0)";
+}
+
+/* Opens one session and prints the library and server information. */
+static int show_session(const char* host, int port, int ssl) {
+    ORVLibInfo* info = NULL;
+    char* text = NULL;
+    LDAP* ld;
+    int rc;
+
+    orvlib_init();
+    ld = orvlib_getsession_context(host, port, &info, ssl);
+    if (!ld) {
+        orvlib_get_last_error(NULL, &text);
+        printf("  %s session to %s:%d failed: %d %s\n", ssl ? "SSL" : "plain", host, port,
+               ldapErrCode, text ? text : "");
+        orvlib_memfree(text);
+        orvlib_uninitialize_lib();
+        return 1;
+    }
+    printf("  %s session to %s:%d\n", ssl ? "SSL" : "Plain", host, port);
+    orvlib_get_orvlibinfo(info, 4000, &text);
+    printf("    library version   %s\n", text ? text : "");
+    orvlib_memfree(text);
+    orvlib_get_orvlibinfo(info, 4001, &text);
+    printf("    server version    %s\n", text ? text : "");
+    orvlib_memfree(text);
+    orvlib_get_orvlibinfo(info, 4002, &text);
+    printf("    oldest client     %s\n", text ? text : "");
+    orvlib_memfree(text);
+    orvlib_get_orvlibinfo(info, 4009, &text);
+    printf("    instance id       %s\n", text ? text : "");
+    orvlib_memfree(text);
+    printf("    operation mode    %s\n", mode_name());
+    rc = orvlib_get_connection_status(ld);
+    printf("    connection        %s\n", rc == 3040 ? "active" : "inactive");
+
+    if (info) {
+        orvlib_memfree((void*)info->orv_server_version);
+        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
+        orvlib_orvlibinfo_free(info);
+    }
+    orvlib_unbind(ld);
+    orvlib_uninitialize_lib();
+    return 0;
+}
+
+static int online_demo(int argc, char** argv) {
+    int failures = 0;
+    printf("\nSessions:\n");
+    failures += show_session(argv[1], atoi(argv[2]), 0);
+    if (argc >= 5) {
+        orvlib_setcertdb_path(argv[4]);
+        failures += show_session(argv[1], atoi(argv[3]), 1);
+    }
+    return failures;
+}
+
+int main(int argc, char** argv) {
     static const int codes[] = {0, 49, 3007, 3009, 3012, 3020, 3035, 3041};
     char* guid;
     unsigned i;
+    int failures = 0;
 
     printf("orvlib %s, directory root %s\n\n", ORVLIB_CLIENT_LIBRARY_VERSION, ORV_ROOT_SUFFIX);
 
@@ -45,6 +109,8 @@ int main(void) {
     printf("Group search:\n");
     show_filter("Developers", 5002);
 
+    if (argc >= 3) failures = online_demo(argc, argv);
+
     printf("\nOutstanding allocations: %d\n", _memCnt);
-    return _memCnt == 0 ? 0 : 1;
+    return (failures == 0 && _memCnt == 0) ? 0 : 1;
 }

@@ -18,7 +18,7 @@
 namespace {
 
 struct AttrName {
-    unsigned long id;
+    int id;
     const char* name;
     bool any_case;  // compared case-insensitively
 };
@@ -95,7 +95,7 @@ const AttrName kNameToId[] = {
 // The name written for an id.  Ids 3, 10, 38, 40, 44, 54, 64-69, 73-78 and
 // 101 have none; 9 has a name although no name maps to it.
 const struct {
-    unsigned long id;
+    int id;
     const char* name;
 } kIdToName[] = {
     {1, "cn"},
@@ -143,7 +143,7 @@ const struct {
 
 extern "C" {
 
-unsigned long getMappedAttrId(const char* name) {
+int getMappedAttrId(const char* name) {
     ORV_TRACE();
     if (name == nullptr) return ORV_LDAPLIB_INVALID_INPUT;
     for (const AttrName& row : kNameToId) {
@@ -154,7 +154,7 @@ unsigned long getMappedAttrId(const char* name) {
     return get_mapped_er_attribute_id(name);
 }
 
-char* getAttrNameFromID(unsigned long id) {
+char* getAttrNameFromID(int id) {
     ORV_TRACE();
     for (const auto& row : kIdToName)
         if (row.id == id) return _orvlib_dupString(row.name);

@@ -15,7 +15,7 @@
 namespace {
 
 struct ErAttribute {
-    unsigned long id;
+    int id;
     const char* name;
     bool modifiable;  // may be changed through an attribute id
 };
@@ -55,19 +55,19 @@ const ErAttribute kErAttributes[] = {
 extern "C" {
 
 // Id of an external-relationship attribute name (any case); an unknown or
-// missing name gives the id with all bits set.
-unsigned long get_mapped_er_attribute_id(const char* name) {
+// missing name gives -1 (all bits set).
+int get_mapped_er_attribute_id(const char* name) {
     ORV_TRACE();
     if (name != nullptr)
         for (const ErAttribute& row : kErAttributes)
             if (strcasecmp(name, row.name) == 0) return row.id;
-    return static_cast<unsigned long>(-1);
+    return -1;
 }
 
 // Name of an attribute that may be modified by id (102, 103, 109, 110, 114,
 // 121, 122), as a new copy; NULL for every other id, so nothing else can be
 // changed through an id.
-char* get_external_relationship_attribute_name_from_id(unsigned long id) {
+char* get_external_relationship_attribute_name_from_id(int id) {
     ORV_TRACE();
     for (const ErAttribute& row : kErAttributes)
         if (row.id == id && row.modifiable) return _orvlib_dupString(row.name);

@@ -209,7 +209,7 @@ TEST_F(UtilsTest, UnbalancedParenthesesAreEscaped) {
     const std::string escaped = take(remove_paranthesis_from_string(unbalanced.c_str()));
     EXPECT_EQ(escaped.size(), unbalanced.size() + 2 * 5001);
     EXPECT_EQ(escaped.find_first_of("()"), std::string::npos);
-    EXPECT_EQ(escaped.substr(0, 10), "\\28\\28ab\\29");
+    EXPECT_EQ(escaped.substr(0, 11), "\\28\\28ab\\29");
 }
 
 TEST_F(UtilsTest, DnSpecialCharactersGetBackslash) {
@@ -434,7 +434,7 @@ struct TestEntry {
     std::vector<ORVLibAttribute*> slots;
     ORVLibEntry entry{};
 
-    TestEntry(std::initializer_list<std::pair<unsigned long, const std::vector<const char*>*>> rows) {
+    TestEntry(std::initializer_list<std::pair<int, const std::vector<const char*>*>> rows) {
         values.reserve(rows.size());
         attrs.reserve(rows.size());
         for (const auto& row : rows) {

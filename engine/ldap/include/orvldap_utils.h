@@ -44,13 +44,13 @@ ORV_API int systemLoginFilterCheck(const char* filter);
 /* *out receives a new copy of "ON" or "OFF". */
 ORV_API void get_User_State(ORVLibEntry* entry, char** out);
 
-/* Attribute identifier table.  Ids have the type of ORVLibAttribute.attrId;
- * a name known to neither table maps to (unsigned long)-1, a NULL name to
- * 3009.  The name lookups return a new copy, or NULL for an id without one. */
-ORV_API unsigned long getMappedAttrId(const char* name);
-ORV_API char* getAttrNameFromID(unsigned long id);
-ORV_API unsigned long get_mapped_er_attribute_id(const char* name);
-ORV_API char* get_external_relationship_attribute_name_from_id(unsigned long id);
+/* Attribute identifier table.  A name known to neither table maps to -1 (all
+ * bits set), a NULL name to 3009.  The name lookups return a new copy, or
+ * NULL for an id without a name. */
+ORV_API int getMappedAttrId(const char* name);
+ORV_API char* getAttrNameFromID(int id);
+ORV_API int get_mapped_er_attribute_id(const char* name);
+ORV_API char* get_external_relationship_attribute_name_from_id(int id);
 
 /* Password character checks: 3003 passes, 3004 fails */
 ORV_API int check_numeric_characters(int limit, const char* new_password);
