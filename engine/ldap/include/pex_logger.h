@@ -34,7 +34,7 @@ ORV_API void GetConfigurationOptions(const wchar_t* directory, int* found);
 ORV_API int RotateAndOpenLogFile(void);
 ORV_API void AddBanner(void);
 ORV_API void UpdateLogFileLocation(void);
-/* Writes the local time in asctime form without its line feed. */
+/* Writes the local time in asctime form without its line feed; out holds 26 bytes. */
 ORV_API void getlocaltime(char* out);
 
 #ifdef __cplusplus
