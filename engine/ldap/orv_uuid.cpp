@@ -22,6 +22,8 @@
 #include "orv_internal.hpp"
 #include "orv_md5.h"
 
+static_assert(sizeof(orv_uuid_t) == 16, "a UUID is 16 bytes");
+
 namespace {
 
 struct GeneratorState {
