@@ -15,10 +15,13 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include "orv_internal.hpp"
+#include "orv_ldap.hpp"
 #include "orvldap_utils.h"
 
 namespace {
@@ -451,6 +454,288 @@ void get_User_State(ORVLibEntry* entry, char** out) {
         if (std::strcmp(lock->attrVals[0], "true") == 0) state = "OFF";
     }
     *out = _orvlib_dupString(state);
+}
+
+}  // extern "C"
+
+// ------------------------------------------------------------------ helpers that ask a directory
+//
+// These resolve user ids and group names to DNs and test what a DN names.
+// Every search goes through the NULL-safe wrappers of orv_ldap.hpp, so a
+// missing connection answers like a failed search instead of aborting.
+
+namespace {
+
+// "(" name "=" value ")" for the partition's logon attribute, or "" when no
+// logon attribute is configured.
+std::string logon_term(const char* value) {
+    const char* logon = logon_attribute();
+    if (logon == nullptr) return std::string();
+    return std::string("(") + logon + ORV_CONSTANT_EQUALS + value + ")";
+}
+
+bool corporate_search_mode() {
+    return ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1;
+}
+
+// Hands the result message to the caller when it asked for it; otherwise it
+// is released here.
+void hand_back(orv::LdapMsg& result, LDAPMessage** out) {
+    if (out != nullptr) *out = result.release();
+}
+
+}  // namespace
+
+extern "C" {
+
+// DN of the first person whose uid or cn (or the given naming attribute, or in
+// corporate search mode the partition's logon attribute) equals id.  The id
+// is put into the filter as given.  NULL when nothing is found.
+char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn) {
+    ORV_TRACE();
+    const std::clock_t started = std::clock();
+    if (id == nullptr) {
+        orv::report(ORV_LDAPLIB_INVALID_INPUT);
+        return nullptr;
+    }
+    if (base == nullptr)
+        base = (corporate_search_mode() && CORP_PEOPLE_SEARCH_BASE != nullptr)
+                   ? CORP_PEOPLE_SEARCH_BASE
+                   : ORV_ROOT_SUFFIX;
+
+    std::string filter;
+    if (rdn != nullptr) {
+        filter = std::string("(&(objectclass=person)(!(objectclass=computer))(!(objectclass=contact))(") +
+                 rdn + ORV_CONSTANT_EQUALS + id + "))";
+    } else if (corporate_search_mode() && mechanism == ORV_PAGING) {
+        filter = std::string("(&(objectclass=person)(!(objectclass=computer))(!(objectclass=contact))") +
+                 "(|(cn" + ORV_CONSTANT_EQUALS + id + ")" + logon_term(id) + "))";
+    } else {
+        filter = std::string("(&(objectclass=person)(|(uid") + ORV_CONSTANT_EQUALS + id + ")(cn" +
+                 ORV_CONSTANT_EQUALS + id + ")";
+        if (corporate_search_mode()) filter += logon_term(id);
+        filter += "))";
+    }
+    ORV_DEBUG("Search Filter:", filter);
+
+    orv::LdapMsg result;
+    const int rc = orv::search(ld, base, LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, result);
+    orv::report(rc);
+    if (rc != LDAP_SUCCESS) return nullptr;
+
+    LDAPMessage* first = ldap_first_entry(ld, result.get());
+    if (first == nullptr) return nullptr;
+    char elapsed[64];
+    std::snprintf(elapsed, sizeof elapsed, "%lf",
+                  static_cast<double>(std::clock() - started) / 1000000.0);
+    ORV_DEBUG("Time elapsed for search:", elapsed);
+    orv::LdapString dn(ldap_get_dn(ld, first));
+    return dn ? _orvlib_dupString(dn.get()) : nullptr;
+}
+
+// DN of the group named cn (a bare name or "cn=..." filter); a text that is
+// already a DN is handed back with its unbalanced parentheses escaped.
+char* getDNFromGroupCN(LDAP* ld, const char* cn, const char* base) {
+    ORV_TRACE();
+    if (cn == nullptr) return nullptr;
+    if (string_is_dn(cn) == 1) return remove_paranthesis_from_string(cn);
+    if (ld == nullptr) return nullptr;
+
+    const std::string name(cn);
+    std::string filter =
+        "(&(|(objectclass=morvaneGroup)(objectclass=group)(objectclass=groupofUniqueNames)"
+        "(objectclass=groupOfNames))";
+    if (name.find('(') == std::string::npos) filter += "(";
+    if (lowered(name).find("cn=") == std::string::npos) filter += "cn=";
+    filter += name;
+    if (name.find(')') == std::string::npos) filter += ")";
+    filter += ")";
+    ORV_DEBUG("CN: ", filter);
+
+    if (base == nullptr)
+        base = (corporate_search_mode() && PARTITION_INFO != nullptr &&
+                PARTITION_INFO->search_base != nullptr)
+                   ? PARTITION_INFO->search_base
+                   : ORV_GROUP_SRCH_BASE;
+
+    static const char* const kAttrs[] = {"entrydn", "distinguishedName", nullptr};
+    orv::LdapMsg result;
+    const int rc = orv::search(ld, base, LDAP_SCOPE_SUBTREE, filter.c_str(), kAttrs, 0, result);
+    if (rc != LDAP_SUCCESS) {
+        orv::report(rc);
+        return nullptr;
+    }
+    LDAPMessage* first = ldap_first_entry(ld, result.get());
+    if (first == nullptr) {
+        ORV_DEBUG("Entry is NULL", "");
+        return nullptr;
+    }
+    orv::LdapString dn(ldap_get_dn(ld, first));
+    if (!dn) return nullptr;
+    ORV_DEBUG("Group DN: ", dn.get());
+    return _orvlib_dupString(dn.get());
+}
+
+// 1 when the entry at dn has an object class containing "group" (any case).
+// *entry receives the entry read and *res its result message (freed by the
+// caller with ldap_msgfree); when res is NULL the message is released here
+// and *entry is not set.
+int isGroupDN(LDAP* ld, const char* dn, LDAPMessage** entry, LDAPMessage** res) {
+    ORV_TRACE();
+    if (entry != nullptr) *entry = nullptr;
+    if (res != nullptr) *res = nullptr;
+    ORV_DEBUG("DN:", dn);
+    if (dn == nullptr) {
+        ldapErrCode = ORV_LDAPLIB_INVALID_INPUT;
+        return 0;
+    }
+    orv::LdapMsg result;
+    const int rc = orv::search(ld, dn, LDAP_SCOPE_SUBTREE, "objectclass=*", nullptr, 0, result);
+    if (rc != LDAP_SUCCESS) {
+        ldapErrCode = rc;
+        return 0;
+    }
+    LDAPMessage* first = ldap_first_entry(ld, result.get());
+    int answer = 0;
+    if (first != nullptr) {
+        BerElement* raw_ber = nullptr;
+        for (char* name = ldap_first_attribute(ld, first, &raw_ber); name != nullptr;
+             name = ldap_next_attribute(ld, first, raw_ber)) {
+            orv::LdapString owned(name);
+            if (strcasecmp(name, "objectclass") != 0) continue;
+            orv::LdapBerValues values(ldap_get_values_len(ld, first, name));
+            for (berval** v = values.get(); v != nullptr && *v != nullptr; ++v) {
+                if (lowered(std::string((*v)->bv_val, (*v)->bv_len)).find("group") !=
+                    std::string::npos) {
+                    answer = 1;
+                    break;
+                }
+            }
+            break;
+        }
+        orv::BerPtr ber(raw_ber);
+    }
+    if (res != nullptr) {
+        if (entry != nullptr) *entry = first;
+        hand_back(result, res);
+    }
+    return answer;
+}
+
+// 1 when the group named by filter lives in the library's own directory
+// (*groupDN: its DN, or NULL when it cannot be found); 0 when it is a group of
+// the corporate directory (*groupDN: the corporate DN).
+int is_standalone_group(LDAP* ld, const char* filter, char** groupDN) {
+    ORV_TRACE();
+    if (groupDN == nullptr) return 0;
+    if (ORV_OPERATION_MODE == 1) {
+        char* corporate = getDNFromGroupCN(corporate_user_ld, filter, nullptr);
+        if (corporate != nullptr) {
+            *groupDN = corporate;
+            return 0;
+        }
+    }
+    if (is_filter_tier2_group_dn(filter) == 1)
+        *groupDN = _orvlib_dupString(filter);
+    else
+        *groupDN = getDNFromGroupCN(ld, filter, ORV_GROUP_SRCH_BASE);
+    ORV_DEBUG("Group DN: ", *groupDN);
+    return 1;
+}
+
+// Whether a corporate user (kind other than 1) or group (kind 1) belongs to
+// the partition's meta group for its kind: 0 allowed (or no restriction), 32
+// not a member, -1 when it cannot be checked.
+int isValidMetaGroupMember(const char* dn, int kind) {
+    ORV_TRACE();
+    orv::OrvString member(dn_contains_backslash(dn, 0));
+    ORV_DEBUG("Corporate Message DN ", dn);
+    ORV_DEBUG("Modified DN:", member.get());
+    if (corporate_admin_ld == nullptr || !member || PARTITION_INFO == nullptr) return -1;
+    if (PARTITION_INFO->partition_search_base_type != 2) return 0;
+
+    const char* meta_group;
+    if (kind == 1) {
+        ORV_DEBUG("Meta group for Groups", PARTITION_INFO->meta_group_for_groups);
+        meta_group = PARTITION_INFO->meta_group_for_groups;
+    } else {
+        ORV_DEBUG("Meta group for users", PARTITION_INFO->meta_group_for_users);
+        meta_group = PARTITION_INFO->meta_group_for_users;
+    }
+    if (meta_group == nullptr || *meta_group == '\0') return 32;  // no group to be a member of
+
+    const bool vlv = mechanism == ORV_VLV;
+    const std::string filter =
+        std::string(vlv ? "uniquemember" : "member") + ORV_CONSTANT_EQUALS + member.get();
+    ORV_DEBUG("Metagroup Member Filter: ", filter);
+    ORV_DEBUG("Meta group object DN", meta_group);
+
+    orv::LdapMsg result;
+    int rc = orv::search(corporate_admin_ld, meta_group, LDAP_SCOPE_BASE, filter.c_str(), nullptr,
+                         1, result);
+    if (rc != LDAP_SUCCESS && vlv) {
+        LDAPMessage* other = nullptr;
+        rc = searchForOtherMemberAttribute(meta_group, member.get(), &other);
+        result.reset(other);
+    }
+    if (rc != LDAP_SUCCESS) {
+        orv::report(rc);
+        return 32;
+    }
+    if (ldap_first_entry(corporate_admin_ld, result.get()) != nullptr) return 0;
+    if (!vlv) return 32;
+
+    LDAPMessage* other = nullptr;
+    rc = searchForOtherMemberAttribute(meta_group, member.get(), &other);
+    result.reset(other);
+    if (rc != LDAP_SUCCESS) {
+        orv::report(rc);
+        return rc;
+    }
+    return ldap_first_entry(corporate_admin_ld, result.get()) != nullptr ? 0 : 32;
+}
+
+// Base search of the meta group for "member=" memberDN on the corporate
+// administrative connection.  *res receives the result (caller frees).
+int searchForOtherMemberAttribute(const char* metaGroupDN, const char* memberDN,
+                                  LDAPMessage** res) {
+    ORV_TRACE();
+    if (res != nullptr) *res = nullptr;
+    if (metaGroupDN == nullptr || memberDN == nullptr) return ORV_LDAPLIB_INVALID_INPUT;
+    const std::string filter = std::string("member") + ORV_CONSTANT_EQUALS + memberDN;
+    ORV_DEBUG("Filter: ", filter);
+    orv::LdapMsg result;
+    const int rc = orv::search(corporate_admin_ld, metaGroupDN, LDAP_SCOPE_BASE, filter.c_str(),
+                               nullptr, 0, result);
+    hand_back(result, res);
+    return rc;
+}
+
+// Makes backslashes of a DN safe inside a filter value by following them
+// with "5c" (the filter escape of a backslash).  Mode 0: every backslash.
+// Mode 1: only a backslash that is neither doubled nor escaping one of the DN
+// special characters , = > < + " # ;
+char* dn_contains_backslash(const char* dn, int mode) {
+    ORV_TRACE();
+    if (dn == nullptr) return nullptr;
+    static const char kEscaped[] = ",=><+\"#;";
+    const std::size_t length = std::strlen(dn);
+    std::string result;
+    result.reserve(length + 16);
+    for (std::size_t i = 0; i < length; ++i) {
+        const char ch = dn[i];
+        result.push_back(ch);
+        if (ch != '\\') continue;
+        if (mode == 0) {
+            result += "5c";
+            continue;
+        }
+        const char next = dn[i + 1];
+        const bool doubled = next == '\\' || (i > 0 && dn[i - 1] == '\\');
+        const bool escapes_special = next != '\0' && std::strchr(kEscaped, next) != nullptr;
+        if (!doubled && !escapes_special) result += "5c";
+    }
+    return orv_copy(result);
 }
 
 }  // extern "C"

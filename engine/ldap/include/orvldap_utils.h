@@ -44,6 +44,20 @@ ORV_API int systemLoginFilterCheck(const char* filter);
 /* *out receives a new copy of "ON" or "OFF". */
 ORV_API void get_User_State(ORVLibEntry* entry, char** out);
 
+/* Helpers that ask a directory.  Strings returned are new (orvlib_memfree);
+ * result messages handed back are freed by the caller (ldap_msgfree). */
+ORV_API char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn);
+ORV_API char* getDNFromGroupCN(LDAP* ld, const char* cn, const char* base);
+ORV_API int isGroupDN(LDAP* ld, const char* dn, LDAPMessage** entry, LDAPMessage** res);
+ORV_API int is_standalone_group(LDAP* ld, const char* filter, char** groupDN);
+ORV_API int isValidMetaGroupMember(const char* dn, int kind);
+ORV_API int searchForOtherMemberAttribute(const char* metaGroupDN, const char* memberDN,
+                                          LDAPMessage** res);
+/* Filter escape of backslashes: mode 0 puts "5c" after every backslash; mode
+ * 1 only after a backslash that is neither doubled nor followed by one of
+ * , = > < + " # ;  NULL gives NULL. */
+ORV_API char* dn_contains_backslash(const char* dn, int mode);
+
 /* Attribute identifier table.  A name known to neither table maps to -1 (all
  * bits set), a NULL name to 3009.  The name lookups return a new copy, or
  * NULL for an id without a name. */
