@@ -1,4 +1,6 @@
-// orvldap_password.cpp - password policy: syntax checks of new passwords.
+// orvldap_password.cpp - password policy: syntax checks of new passwords,
+// the policy as clients see it, whether and when a user must or may change a
+// password, and the change itself.
 //
 // ---------------------------------------------------------------------------
 // Character checks
@@ -24,8 +26,14 @@
 #include <array>
 #include <cctype>
 #include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 
 #include "orv_internal.hpp"
+#include "orv_ldap.hpp"
+#include "orvldap_auth.h"
+#include "orvldap_entry.h"
 #include "orvldap_password.h"
 #include "orvldap_utils.h"
 
@@ -126,3 +134,289 @@ int check_min_diff_characters(int limit, const char* new_password) {
 }  // extern "C"
 
 // ---------------------------------------------------------------------------
+
+// ---------------------------------------------------------------------------
+// Password policy and password change
+// ---------------------------------------------------------------------------
+// Two policies govern passwords of the library's own directory:
+//   "cn=Password Policy,<suffix>"       syntax rules the library checks
+//                                       itself before a change
+//                                       (pwdchecksyntax "0" switches them off)
+//   "cn=ORVPasswordPolicy,cn=nuvpolicies"  the server's policy (length,
+//                                       history, lockout), reported to
+//                                       clients; the server enforces it and
+//                                       its refusals are translated here.
+// A user may change a password when "orvChangePassword" is "on", or when an
+// administrator reset it ("orvPasswordMustChange" "on"); the reset flag goes
+// back to "off" after the change.
+// ---------------------------------------------------------------------------
+
+namespace {
+
+const char kServerPolicyBase[] = "cn=ORVPasswordPolicy,cn=nuvpolicies";
+
+std::string library_policy_dn() { return std::string("cn=Password Policy,") + ORV_ROOT_SUFFIX; }
+
+int store(int status) {
+    ldapErrCode = status;
+    return status;
+}
+
+// One replace of attribute `name` by the single value `value` on dn.
+int replace_value(LDAP* ld, const char* dn, const char* name, const char* value) {
+    if (!ld) return LDAP_PARAM_ERROR;
+    char* vals[] = {const_cast<char*>(value ? value : ""), nullptr};
+    LDAPMod mod{};
+    mod.mod_op = LDAP_MOD_REPLACE;
+    mod.mod_type = const_cast<char*>(name);
+    mod.mod_values = vals;
+    LDAPMod* mods[] = {&mod, nullptr};
+    return ldap_modify_ext_s(ld, dn ? dn : "", mods, nullptr, nullptr);
+}
+
+// The server's diagnostic text of the last operation on ld, lower-cased.
+std::string lowered_diagnostic(LDAP* ld) {
+    char* text = nullptr;
+    if (ldap_get_option(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE, &text) != LDAP_OPT_SUCCESS || !text) return {};
+    orv::LdapString owner(text);
+    std::string out(text);
+    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+}
+
+}  // namespace
+
+namespace orv {
+
+int password_expiry_days(int seconds) {
+    const int days = seconds / 86400;  // truncates toward zero
+    const float fraction = static_cast<float>(seconds / 86400.0 - days);
+    return fraction > 0 ? days + 1 : days;
+}
+
+}  // namespace orv
+
+extern "C" {
+
+ORVLibEntry* orvlib_get_password_policy(LDAP* ld) {
+    ORV_TRACE();
+    if (!ld) {
+        orv::report(ORV_LDAPLIB_SESSION_INVALID);
+        return nullptr;
+    }
+    if (ORV_OPERATION_MODE != 0) {
+        orv::report(ORV_LDAPLIB_PASSWORD_POLICY_NA);
+        return nullptr;
+    }
+    std::string dn = library_policy_dn();
+    orv::LdapMsg res;
+    int rc = orv::search(orv_ld, dn.c_str(), LDAP_SCOPE_BASE, "objectclass=*",
+                         ORVLIB_MORVANE_PASSWORD_POLICY_ATTR_LIST, 0, res);
+    if (rc != LDAP_SUCCESS) {
+        orv::report(rc);
+        return nullptr;
+    }
+    LDAPMessage* first = res ? ldap_first_entry(orv_ld, res.get()) : nullptr;
+    if (!first) {
+        store(orv::last_error(orv_ld));
+        return nullptr;
+    }
+    ORVLibEntry* entry = nullptr;
+    populate_orvlibentry_entry(orv_ld, &entry, &first);
+    res.reset();
+    ldapErrCode = add_server_password_attributes(orv_ld, &entry);
+    return entry;
+}
+
+int add_server_password_attributes(LDAP* ld, ORVLibEntry** entry) {
+    ORV_TRACE();
+    if (!ld || !entry || !*entry || !(*entry)->orvlibEntryAttrData)
+        return store(ORV_LDAPLIB_INVALID_INPUT);
+    orv::LdapMsg res;
+    int rc = orv::search(ld, kServerPolicyBase, LDAP_SCOPE_SUBTREE, "objectclass=pwdPolicy",
+                         ORVLIB_PASSWORD_POLICY_ATTR_LIST, 0, res);
+    LDAPMessage* first = rc == LDAP_SUCCESS && res ? ldap_first_entry(ld, res.get()) : nullptr;
+    if (!first) return store(rc != LDAP_SUCCESS ? rc : orv::last_error(ld));
+
+    BerElement* ber = nullptr;
+    for (char* attr = ldap_first_attribute(ld, first, &ber); attr;
+         attr = ldap_next_attribute(ld, first, ber)) {
+        orv::LdapString attrOwner(attr);
+        orv::LdapValues vals(ldap_get_values(ld, first, attr));
+        ORV_DEBUG("Server policy attribute: ", attr);
+        orv::append_attribute(*entry, getMappedAttrId(attr), attr, vals.get());
+    }
+    orv::BerPtr berOwner(ber);
+    return 0;
+}
+
+int orvlib_can_user_change_password(LDAP* ld, const char* uid) {
+    ORV_TRACE();
+    if (!ld) return ORV_LDAPLIB_SESSION_INVALID;
+    orv::OrvString dn(orvlib_get_user_dn(uid));
+    return can_user_change_password(orv_ld, dn.get());
+}
+
+int can_user_change_password(LDAP* ld, const char* user_dn) {
+    ORV_TRACE();
+    const char* attrs[] = {"orvChangePassword", nullptr};
+    orv::LdapMsg res;
+    int rc = orv::search(ld, user_dn, LDAP_SCOPE_BASE, "objectclass=*", attrs, 0, res);
+    if (rc != LDAP_SUCCESS) return orv::report(rc);
+    LDAPMessage* entry = res ? ldap_first_entry(ld, res.get()) : nullptr;
+    if (!entry) return store(orv::last_error(ld));
+    BerElement* ber = nullptr;
+    orv::LdapString attr(ldap_first_attribute(ld, entry, &ber));
+    orv::BerPtr berOwner(ber);
+    if (!attr) return 0;
+    // Only the first value counts.
+    if (orv::first_value(ld, entry, attr.get()) == "on") {
+        ORV_DEBUG("User can change password", "");
+        return 1;
+    }
+    return 0;
+}
+
+int orvlib_get_password_expiry_time(LDAP* ld) {
+    ORV_TRACE();
+    if (!ld) {
+        store(ORV_LDAPLIB_SESSION_INVALID);
+        return -1;
+    }
+    // What the last password check reported; the server is not asked.
+    int days = orv::password_expiry_days(password_expiry_time);
+    ORV_DEBUG("Days for password expiry", days);
+    return days;
+}
+
+int orvlib_change_user_password(LDAP* ld, const char* uid, const char* old_password,
+                                const char* new_password) {
+    ORV_TRACE();
+    ldapErrCode = 0;
+    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+
+    orv::OrvString dn;
+    if (ORV_OPERATION_MODE == 1) {
+        // The old password is checked before anything else; an expired one
+        // still allows the change.
+        dn.reset(orvlib_get_user_dn(uid));
+        int r = _authenticateUserTempConn(dn.get(), old_password);
+        if (r != 0 && r != ORV_LDAPLIB_PASSWORD_HAS_EXPIRED) return r;
+    }
+    if (!old_password || !*old_password) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
+    if (!new_password || !*new_password) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
+    if (!dn) dn.reset(orvlib_get_user_dn(uid));
+
+    const int reset = _isUsersPasswordReset(orv_ld, dn.get());
+    if (reset != 1 && can_user_change_password(orv_ld, dn.get()) != 1)
+        return orv::report(ORV_LDAPLIB_NO_PRIVILEGE);
+
+    if (ORV_OPERATION_MODE != 1) {
+        int r = _authenticateUserTempConn(dn.get(), old_password);
+        ldapErrCode = r;
+        if (r != 0 && r != ORV_LDAPLIB_PASSWORD_HAS_EXPIRED) return r;
+    }
+
+    const int verdict = validate_password(orv_ld, new_password);
+    if (ldapErrCode != 0) return orv::report(ldapErrCode);
+
+    if (verdict == 1) {
+        int status = change_password_at_server(orv_ld, new_password, dn.get());
+        if (status != 0) return status;  // reported there
+    }
+    if (reset == 1) {
+        int r = change_reset_flag(orv_ld, dn.get(), "off");
+        if (r != 0) ldapErrCode = r;
+    }
+    return orv::report(ldapErrCode);
+}
+
+int validate_password(LDAP* ld, const char* new_password) {
+    ORV_TRACE();
+    int maxRepeated = 0, minDifferent = 0, minNumbers = 0, minSymbols = 0;
+    int r = get_password_check_syntax_attr_value(ld, &maxRepeated, &minDifferent, &minNumbers, &minSymbols);
+    if (r == ORV_LDAPLIB_CHECK_FAILED) {  // syntax checks are off
+        store(0);
+        return 1;
+    }
+    // Checks on: the status starts clean.  When the rules could not be read
+    // the search's code stays and the limits read so far apply.
+    if (r == ORV_LDAPLIB_CHECK_PASSED) store(0);
+    if (check_numeric_characters(minNumbers, new_password) != ORV_LDAPLIB_CHECK_PASSED)
+        return orv::report(ORV_LDAPLIB_PASSWORD_MIN_NUM_CHARS);
+    if (check_symbol_characters(minSymbols, new_password) != ORV_LDAPLIB_CHECK_PASSED)
+        return orv::report(ORV_LDAPLIB_PASSWORD_MIN_SYM_CHARS);
+    if (check_max_repeated_characters(maxRepeated, new_password) != ORV_LDAPLIB_CHECK_PASSED)
+        return orv::report(ORV_LDAPLIB_PASSWORD_MAX_REPEATED);
+    if (check_min_diff_characters(minDifferent, new_password) != ORV_LDAPLIB_CHECK_PASSED)
+        return orv::report(ORV_LDAPLIB_PASSWORD_MIN_DIFF);
+    return 1;
+}
+
+int get_password_check_syntax_attr_value(LDAP* ld, int* orv_password_max_repeated_chars,
+                                         int* orv_password_min_diff_chars,
+                                         int* orv_password_min_num_chars,
+                                         int* orv_password_min_symbol_chars) {
+    ORV_TRACE();
+    const char* attrs[] = {"pwdchecksyntax", "orvpasswordmaxrepeatedchars", "orvpasswordmindiffchars",
+                           "orvpasswordminnumbers", "orvpasswordminsymbols", nullptr};
+    std::string dn = library_policy_dn();
+    orv::LdapMsg res;
+    int rc = orv::search(ld, dn.c_str(), LDAP_SCOPE_BASE, "objectclass=orvPasswordPolicy", attrs, 0, res);
+    if (rc != LDAP_SUCCESS) return orv::report(rc);
+    LDAPMessage* entry = res ? ldap_first_entry(ld, res.get()) : nullptr;
+    if (!entry) return store(orv::last_error(ld));
+
+    int result = ORV_LDAPLIB_CHECK_FAILED;  // no "pwdchecksyntax": checks off
+    BerElement* ber = nullptr;
+    for (char* attr = ldap_first_attribute(ld, entry, &ber); attr;
+         attr = ldap_next_attribute(ld, entry, ber)) {
+        orv::LdapString attrOwner(attr);
+        const std::string value = orv::first_value(ld, entry, attr);
+        ORV_DEBUG(attr, value);
+        // Names are compared exactly as written here.
+        if (!std::strcmp(attr, "pwdchecksyntax")) {
+            result = value == "0" ? ORV_LDAPLIB_CHECK_FAILED : ORV_LDAPLIB_CHECK_PASSED;
+        } else if (!std::strcmp(attr, "orvpasswordmaxrepeatedchars")) {
+            if (orv_password_max_repeated_chars) *orv_password_max_repeated_chars = std::atoi(value.c_str());
+        } else if (!std::strcmp(attr, "orvpasswordmindiffchars")) {
+            if (orv_password_min_diff_chars) *orv_password_min_diff_chars = std::atoi(value.c_str());
+        } else if (!std::strcmp(attr, "orvpasswordminnumbers")) {
+            if (orv_password_min_num_chars) *orv_password_min_num_chars = std::atoi(value.c_str());
+        } else if (!std::strcmp(attr, "orvpasswordminsymbols")) {
+            if (orv_password_min_symbol_chars) *orv_password_min_symbol_chars = std::atoi(value.c_str());
+        }
+    }
+    orv::BerPtr berOwner(ber);
+    return result;
+}
+
+int change_password_at_server(LDAP* ld, const char* new_password, const char* user_dn) {
+    ORV_TRACE();
+    ORV_DEBUG("User DN: ", user_dn ? user_dn : "");
+    int rc = replace_value(ld, user_dn, "userpassword", new_password);
+    if (rc == LDAP_CONSTRAINT_VIOLATION) {
+        // The server's own words decide; a refusal that names neither
+        // reason leaves the status as it was.
+        const std::string text = lowered_diagnostic(ld);
+        ORV_DEBUG("Server message: ", text);
+        if (text.find("short") != std::string::npos) ldapErrCode = ORV_LDAPLIB_PASSWORD_TOO_SHORT;
+        if (text.find("history") != std::string::npos) ldapErrCode = ORV_LDAPLIB_PASSWORD_IN_HISTORY;
+    } else if (rc != LDAP_SUCCESS) {
+        ldapErrCode = rc;
+    }
+    return orv::report(ldapErrCode);
+}
+
+int change_reset_flag(LDAP* ld, const char* user_dn, const char* newval) {
+    ORV_TRACE();
+    ORV_DEBUG("Changing password reset flag of the user", user_dn ? user_dn : "");
+    int rc = replace_value(ld, user_dn, "orvPasswordMustChange", newval);
+    if (rc != LDAP_SUCCESS) {
+        ORV_DEBUG("Ldap modify of reset flag failed. Errorcode:", rc);
+        orv::report(rc);
+    }
+    return ldapErrCode;
+}
+
+}  // extern "C"

@@ -202,3 +202,53 @@ int ldap_get_lderrno(LDAP* ld, char** matched, char** message) {
 }
 
 }  // extern "C"
+
+// ---------------------------------------------------------------------------
+// Password policy response of a bind.  OpenLDAP reads the control; its
+// numbers (error 0 expired, 1 locked, ... 65535 none; expiry and grace -1
+// when absent) are turned into the client numbering of orvplatforms.h, in
+// which errors start at 3 so that they never meet a warning kind.
+// ---------------------------------------------------------------------------
+
+extern "C" {
+
+int ldap_parse_pwdpolicy_response(LDAP* ld, LDAPControl** controls, int* policy_error,
+                                  int* warning_kind, int* warning_value) {
+    ORV_TRACE();
+    int error = ORV_PWDPOLICY_NO_ERROR;
+    int kind = ORV_PWDPOLICY_WARNING_NONE;
+    int value = 0;
+    int rc = LDAP_CONTROL_NOT_FOUND;
+    LDAPControl* control =
+        controls ? ldap_control_find(LDAP_CONTROL_PASSWORDPOLICYRESPONSE, controls, nullptr) : nullptr;
+    if (!ld) {
+        rc = LDAP_PARAM_ERROR;
+    } else if (control) {
+        ber_int_t expire = -1;
+        ber_int_t grace = -1;
+        LDAPPasswordPolicyError ppError = PP_noError;
+        rc = ldap_parse_passwordpolicy_control(ld, control, &expire, &grace, &ppError);
+        if (rc == LDAP_SUCCESS) {
+            if (ppError != PP_noError && ppError >= PP_passwordExpired && ppError <= PP_passwordTooLong)
+                error = ORV_PWDPOLICY_PASSWORD_EXPIRED + static_cast<int>(ppError);
+            if (expire >= 0) {
+                kind = ORV_PWDPOLICY_WARNING_EXPIRY;
+                value = expire;
+            } else if (grace >= 0) {
+                kind = ORV_PWDPOLICY_WARNING_GRACE;
+                value = grace;
+            }
+        } else {
+            rc = LDAP_DECODING_ERROR;
+        }
+    }
+    ORV_DEBUG("Password policy error", error);
+    ORV_DEBUG("Password policy warning", kind);
+    ORV_DEBUG("Password policy warning value", value);
+    if (policy_error) *policy_error = error;
+    if (warning_kind) *warning_kind = kind;
+    if (warning_value) *warning_value = value;
+    return rc;
+}
+
+}  // extern "C"

@@ -344,7 +344,74 @@ ORV_API char* orvlib_get_user_dn(const char* uid);
 ORV_API int orvlib_get_connection_status(LDAP* ld);
 ORV_API int orvlib_validate_server_details(const char* server, int port, int ssl);
 
+/* ------------------------------------------------------------------ */
+/* Authentication, password policy, single sign-on                     */
+/* ------------------------------------------------------------------ */
+
+/* 0 authenticated, else a status (49 wrong password, 3009 empty password,
+ * 3012 inactive, 3013 password reset, 3014 expired, 3020 locked, ...). */
+ORV_API int orvlib_authenticate_user(LDAP* ld, const char* uid, const char* passwd);
+/* As orvlib_authenticate_user for one database (repository_id names its
+ * server in the application registry), with the database's second factors:
+ * 3043 means the RADIUS factor is still due (orvlib_authenticate_radius_user). */
+ORV_API int orvlib_authenticate_database_user(LDAP* ld, const char* uid, const char* passwd,
+                                              const char* repository_id);
+/* RADIUS check through the server; uid NULL takes the user's
+ * "orvRadiusUserName".  0, 49 refused, 3042 (text in radius_err_str),
+ * 3044 no RADIUS server configured. */
+ORV_API int orvlib_authenticate_radius_user(LDAP* ld, const char* uid, const char* passwd);
+
+/* The password rules (library and server policy) as an entry, or NULL
+ * (3038 in corporate mode). */
+ORV_API ORVLibEntry* orvlib_get_password_policy(LDAP* ld);
+/* 1 may change, 0 may not, otherwise a status. */
+ORV_API int orvlib_can_user_change_password(LDAP* ld, const char* uid);
+/* Whole days before the password checked last expires, or -1. */
+ORV_API int orvlib_get_password_expiry_time(LDAP* ld);
+ORV_API int orvlib_change_user_password(LDAP* ld, const char* uid, const char* old_password,
+                                        const char* new_password);
+
+/* One-element array holding a navigation token for user_dn
+ * (orvlib_free_values), or NULL. */
+ORV_API char** orvlib_get_sso_navigation_token(LDAP* ld, const char* user_dn);
+/* Pass the record returned by orvlib_create_sso_token (cast to the declared
+ * type): the function reads the record itself through this pointer.  On
+ * success *libentry is the entry of the user the token names. */
+ORV_API unsigned long orvlib_validate_sso_token(LDAP* ld, const ORVSSOToken** structSSOToken,
+                                                ORVLibEntry** libentry);
+/* token_name must be "ORV_SSO_TOKEN"; NULL (3031) otherwise. */
+ORV_API ORVSSOToken* orvlib_create_sso_token(const char* token_name, const char* token_value);
+ORV_API void orvlib_orvssotoken_free(ORVSSOToken* ssoToken);
+
 /* ---- search, update, registry and relationship API follow ---- */
+
+/* ------------------------------------------------------------------ */
+/* Search and iteration                                                */
+/* ------------------------------------------------------------------ */
+
+/* Starts a search of searchType (ORV_SEARCH_*) with the filter text (a bare
+ * name, a partial or full filter, or a DN).  *result receives the result
+ * message (may be NULL for searches whose results the library keeps); free
+ * it with orvlib_orvmessage_free after the iteration.  0 on success. */
+ORV_API int orvlib_search_ext_s(LDAP* ld, const char* filter, int searchType,
+                                LDAPMessage** result);
+/* *entry receives a new record of the first result (orvlib_orvlibentry_free);
+ * returns a cursor for orvlib_next_entry, or NULL at the end. */
+ORV_API LDAPMessage* orvlib_first_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* result);
+ORV_API LDAPMessage* orvlib_next_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* cursor);
+/* New NULL-terminated copy of the values of attribute attrId, or NULL
+ * (orvlib_free_values). */
+ORV_API char** orvlib_get_entry_vals(ORVLibEntry* entry, int attrId);
+
+/* ------------------------------------------------------------------ */
+/* Modify                                                              */
+/* ------------------------------------------------------------------ */
+
+/* Adds (0), replaces (1) or deletes (2) the values of attribute attrId of a
+ * user, group or application registry entry named by entryDN (a DN, or a
+ * filter naming a user).  0 on success, else a status. */
+ORV_API int orvlib_modify_ext_s(LDAP* ld, const char* entryDN, unsigned long modification_type,
+                                unsigned long attrId, char** attrVals);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,275 @@
+// orv_database_auth.cpp - authentication of a user for one database of the
+// client application, with the database's second factors.
+//
+//   system-login factor   database "orvSystemLogin2FactorAuthenticationRequired"
+//                         non-zero: the account running the client (login
+//                         name of the process's real user id) must be the
+//                         user's "orvOSPosixUserName", letter case aside.
+//   RADIUS factor         database "orvRadius2FactorAuthenticationRequired" 1
+//                         and the user's first value "1": after the password
+//                         the caller gets 3043 and must pass
+//                         orvlib_authenticate_radius_user, which has the
+//                         directory server ask the RADIUS server.
+// The user's entry found on the way is kept in AUTH_USER_ORVLIBENTRY and is
+// the source of the per-user settings.
+
+#include <pwd.h>
+#include <strings.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "orv_internal.hpp"
+#include "orv_ldap.hpp"
+#include "orvldap.h"
+#include "orvldap_auth.h"
+#include "orvldap_utils.h"
+
+namespace {
+
+const char kRadiusOid[] = "1.3.6.1.4.1.47391.0.1000.1";
+
+// Attribute identifiers of the settings read here.
+constexpr int kAttrPosixUserName = 15;
+constexpr int kAttrRadiusRequired = 64;
+constexpr int kAttrRadiusUserName = 67;
+constexpr int kAttrSystemLoginRequired = 69;
+
+// Texts of radius_err_str.  The variable points at one of these; it is
+// never freed.
+char kRadiusNotConfigured[] = "Radius server not configured\n";
+char kRadiusUserMissing[] = "Radius user name not present\n";
+char kRadiusUnreachable[] = "Unable to connect to radius server\n";
+
+// RADIUS results of the extended operation.
+constexpr int kRadiusRejected = 2;
+constexpr int kRadiusNoAnswer = 1;
+
+// Decimal value of the first value of attribute id in a database's entry
+// (0 when the database, the attribute or the value is missing).
+int database_setting(LDAP* ld, const char* database_id, int id) {
+    ORVLibEntry* entry = orvlib_get_database_details_internal(ld, database_id);
+    const char* value = orv::entry_first_value(entry, id);
+    int result = value ? std::atoi(value) : 0;
+    orvlib_orvlibentry_free(entry);
+    return result;
+}
+
+}  // namespace
+
+namespace orv {
+
+const char* entry_first_value(const ORVLibEntry* entry, int id) {
+    if (!entry || !entry->orvlibEntryAttrData) return nullptr;
+    for (ORVLibAttribute** a = entry->orvlibEntryAttrData; *a; ++a) {
+        if ((*a)->attrId == id && (*a)->attrVals && (*a)->attrVals[0]) return (*a)->attrVals[0];
+    }
+    return nullptr;
+}
+
+std::string radius_request_value(const char* host, int port, const char* secret, const char* user,
+                                 const char* password) {
+    // The port is written into room for nine characters.
+    std::string portText = std::to_string(port).substr(0, 9);
+    return std::string(host ? host : "") + ":" + portText + ":" + (secret ? secret : "") + ":" +
+           (user ? user : "") + ":" + (password ? password : "");
+}
+
+}  // namespace orv
+
+extern "C" {
+
+int orvlib_authenticate_database_user(LDAP* ld, const char* uid, const char* passwd,
+                                      const char* repository_id) {
+    ORV_TRACE();
+    ORV_DEBUG("Uid: ", uid ? uid : "");
+    ORV_DEBUG("Password", passwd ? passwd : "");
+    ORV_DEBUG("Repository ID", repository_id ? repository_id : "");
+    orv::OrvString login(remove_paranthesis_from_string(uid));
+    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+
+    orvlib_orvlibentry_free(AUTH_USER_ORVLIBENTRY);
+    AUTH_USER_ORVLIBENTRY = nullptr;
+    if (ORV_OPERATION_MODE == 1) ORV_OP_MODE_SEARCH = 1;
+
+    AUTH_USER_ORVLIBENTRY = get_auth_user_details(orv_ld, login.get());
+    if (!AUTH_USER_ORVLIBENTRY && ORV_OPERATION_MODE == 1) {
+        // Not on the corporate partition: look in the library's own directory.
+        ORV_OPERATION_MODE = 0;
+        mechanism = 0;
+        AUTH_USER_ORVLIBENTRY = get_auth_user_details(orv_ld, login.get());
+        ORV_OPERATION_MODE = 1;
+        mechanism = operatingMechanism == 1 ? 1 : 0;
+    }
+    if (!AUTH_USER_ORVLIBENTRY) return orv::report(LDAP_NO_SUCH_OBJECT);
+
+    char* rawDatabaseId = nullptr;
+    int rc = get_database_id_from_repository_id(orv_ld, repository_id, &rawDatabaseId);
+    orv::OrvString databaseId(rawDatabaseId);
+    orv::report(rc);
+    if (rc == LDAP_SERVER_DOWN) return rc;
+
+    int status = check_and_perform_system_login_2factor_authentication(orv_ld, login.get(), databaseId.get());
+    if (status == 0 && ORV_OS_AUTH == 1) status = _authenticateOSUser(orv_ld, login.get(), passwd);
+    // After an operating-system check the mode is 0, so the local check runs too.
+    if (status == 0 && ORV_OPERATION_MODE == 0)
+        status = _authenticateNonCorporateUser(orv_ld, login.get(), passwd);
+    if (status == 0 && ORV_OPERATION_MODE == 1) {
+        user_authenticated = 1;
+        ORV_OP_MODE_SEARCH = 1;
+        status = _authenticateCorporateUser(orv_ld, login.get(), passwd);
+        if (status != LDAP_SUCCESS && status != LDAP_INVALID_CREDENTIALS)
+            status = orv::authenticate_locally_in_corporate_mode(login.get(), passwd);
+    }
+    if (status == 0) status = check_for_radius_2factor_authentication(orv_ld, login.get(), databaseId.get());
+    return orv::report(status);
+}
+
+ORVLibEntry* get_auth_user_details(LDAP* ld, const char* uid) {
+    ORV_TRACE();
+    ORV_DEBUG("user uid: ", uid ? uid : "");
+    orv::OrvString login(remove_paranthesis_from_string(uid));
+    LDAP* directory = ORV_OPERATION_MODE == 1 ? corporate_admin_ld : ld;
+    orv::OrvString dn(login && directory ? getDNFromUid(directory, login.get(), nullptr, nullptr) : nullptr);
+    ORV_DEBUG("Search Filter: ", dn ? dn.get() : "");
+    if (!dn) return nullptr;
+
+    LDAPMessage* res = nullptr;
+    int rc = orvlib_search_ext_s(ld, dn.get(), ORV_SEARCH_PEOPLE, &res);
+    if (rc != LDAP_SUCCESS) {
+        orvlib_orvmessage_free(res);
+        orv::report(rc);
+        return nullptr;
+    }
+    ORVLibEntry* entry = nullptr;
+    if (res) orvlib_first_entry(ld, &entry, res);
+    orvlib_orvmessage_free(res);
+    return entry;
+}
+
+int check_and_perform_system_login_2factor_authentication(LDAP* ld, const char* uid,
+                                                           const char* database_id) {
+    ORV_TRACE();
+    if (is_database_configured_sys_login_2factor_authentication(ld, database_id) == 0) return 0;
+    return check_and_perform_system_login_2factor_auth_unix(ld, uid);
+}
+
+int check_and_perform_system_login_2factor_auth_unix(LDAP* ld, const char* uid) {
+    ORV_TRACE();
+    orv::OrvString loginName(get_unix_login_name());
+    ORV_DEBUG("user_login_name: ", loginName ? loginName.get() : "");
+    orv::OrvString posixName(get_posix_user_name_from_user(ld, uid));
+    ORV_DEBUG("unix_user_name_from_user_object: ", posixName ? posixName.get() : "");
+    if (posixName && loginName && strcasecmp(posixName.get(), loginName.get()) == 0) {
+        ORV_DEBUG("system user authentication Successful", "");
+        return 0;
+    }
+    ORV_DEBUG("system user authentication failing", "");
+    return LDAP_INVALID_CREDENTIALS;
+}
+
+int check_for_radius_2factor_authentication(LDAP* ld, const char* uid, const char* database_id) {
+    ORV_TRACE();
+    ORV_DEBUG("uid for authentication: ", uid ? uid : "");
+    ORV_DEBUG("Authentication Database ID: ", database_id ? database_id : "");
+    int status = 0;
+    if (database_id && check_user_and_db_for_radius_auth(ld, uid, database_id) == 1)
+        status = ORV_LDAPLIB_RADIUS_2FACTOR_REQUIRED;
+    return orv::report(status);
+}
+
+int is_user_configured_radius_2factor_authentication(LDAP* /*ld*/, const char* /*uid*/) {
+    ORV_TRACE();
+    const char* value = orv::entry_first_value(AUTH_USER_ORVLIBENTRY, kAttrRadiusRequired);
+    return value && std::strcmp(value, "1") == 0 ? 1 : 0;
+}
+
+int is_database_configured_radius_2factor_authentication(LDAP* ld, const char* database_id) {
+    ORV_TRACE();
+    int value = database_setting(ld, database_id, kAttrRadiusRequired);
+    ORV_DEBUG("Database requires RADIUS: ", value);
+    return value;
+}
+
+int is_database_configured_sys_login_2factor_authentication(LDAP* ld, const char* database_id) {
+    ORV_TRACE();
+    int value = database_setting(ld, database_id, kAttrSystemLoginRequired);
+    ORV_DEBUG("Database requires system login: ", value);
+    return value;
+}
+
+int check_user_and_db_for_radius_auth(LDAP* ld, const char* uid, const char* database_id) {
+    ORV_TRACE();
+    return is_user_configured_radius_2factor_authentication(ld, uid) == 1 &&
+                   is_database_configured_radius_2factor_authentication(ld, database_id) == 1
+               ? 1
+               : 0;
+}
+
+char* get_unix_login_name(void) {
+    ORV_TRACE();
+    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<size_t>(size) : 16384);
+    passwd record{};
+    passwd* found = nullptr;
+    while (getpwuid_r(getuid(), &record, buffer.data(), buffer.size(), &found) == ERANGE)
+        buffer.resize(buffer.size() * 2);
+    return found && found->pw_name ? _orvlib_dupString(found->pw_name) : nullptr;
+}
+
+char* get_posix_user_name_from_user(LDAP* /*ld*/, const char* /*uid*/) {
+    ORV_TRACE();
+    return _orvlib_dupString(orv::entry_first_value(AUTH_USER_ORVLIBENTRY, kAttrPosixUserName));
+}
+
+int orvlib_authenticate_radius_user(LDAP* ld, const char* uid, const char* passwd) {
+    ORV_TRACE();
+    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    ORV_DEBUG("Radius Username", uid ? uid : "");
+    // Written masked: only the label "Password" follows the password log switch.
+    ORV_DEBUG("Radius Password", "xxxxxxxx");
+
+    if (ORVLIB_IS_RADIUS_CONFIGURED != 1) return ORV_LDAPLIB_RADIUS_NOT_CONFIGURED;
+    if (!RADIUS_INFO || !RADIUS_INFO->radius_hostname) {
+        radius_err_str = kRadiusNotConfigured;
+        return orv::report(ORV_LDAPLIB_RADIUS_ERROR);
+    }
+    const char* radiusUser = uid ? uid : orv::entry_first_value(AUTH_USER_ORVLIBENTRY, kAttrRadiusUserName);
+    if (!radiusUser) {
+        radius_err_str = kRadiusUserMissing;
+        return orv::report(ORV_LDAPLIB_RADIUS_ERROR);
+    }
+    if (!passwd || !*passwd) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
+
+    std::string value = orv::radius_request_value(RADIUS_INFO->radius_hostname, RADIUS_INFO->radius_port_number,
+                                                  RADIUS_INFO->radius_secret, radiusUser, passwd);
+    ORV_DEBUG("Value: ", orv::radius_request_value(RADIUS_INFO->radius_hostname,
+                                                   RADIUS_INFO->radius_port_number, "xxxxxxxx",
+                                                   radiusUser, "xxxxxxxx"));
+    berval request{static_cast<ber_len_t>(value.size()), &value[0]};
+    char* oid = nullptr;
+    berval* data = nullptr;
+    int rc = orv_ld ? ldap_extended_operation_s(orv_ld, kRadiusOid, &request, nullptr, nullptr, &oid, &data)
+                    : LDAP_PARAM_ERROR;
+    orv::LdapString oidOwner(oid);
+    if (data) ber_bvfree(data);
+    // Wipe the copy that held the secret and the password.
+    std::fill(value.begin(), value.end(), '\0');
+
+    int status = rc;
+    if (rc == kRadiusRejected) {
+        status = LDAP_INVALID_CREDENTIALS;
+    } else if (rc == kRadiusNoAnswer || rc == LDAP_SERVER_DOWN) {
+        radius_err_str = kRadiusUnreachable;
+        status = ORV_LDAPLIB_RADIUS_ERROR;
+    }
+    return orv::report(status);
+}
+
+}  // extern "C"

@@ -1,0 +1,142 @@
+// orv_sso.cpp - single sign-on between applications that use the library.
+//
+// An application holding an authenticated user asks the directory server
+// for a navigation token naming that user (extended operation
+// 1.3.6.1.4.1.47391.0.2000.1, request value the DN) and hands it on; the
+// receiving application wraps it in an ORVSSOToken and has the server
+// validate it (1.3.6.1.4.1.47391.0.2000.2, request value the token, response
+// the DN), receiving the user's entry.  The token is opaque here: its format
+// and lifetime are the server's.
+
+#include <cstring>
+#include <string>
+
+#include "orv_internal.hpp"
+#include "orv_ldap.hpp"
+#include "orvldap.h"
+
+namespace {
+
+const char kIssueOid[] = "1.3.6.1.4.1.47391.0.2000.1";
+const char kValidateOid[] = "1.3.6.1.4.1.47391.0.2000.2";
+const char kTokenKey[] = "ORV_SSO_TOKEN";
+
+// Status of a token record with a wrong or missing key.
+constexpr int kInvalidTokenKey = 3031;
+// Status of a token asked for a DN that the people search does not find.
+constexpr int kUnknownUser = 34;
+// Result the server gives a token that has run out.
+constexpr int kServerTokenExpired = 3000;
+
+// Runs one extended operation on the library's own connection; *response
+// receives the response value (empty when the server sent none).
+int extended_operation(const char* oid, const std::string& value, std::string* response,
+                       bool* hasResponse) {
+    std::string copy = value;
+    berval request{static_cast<ber_len_t>(copy.size()), copy.empty() ? nullptr : &copy[0]};
+    char* returnedOid = nullptr;
+    berval* data = nullptr;
+    int rc = orv_ld ? ldap_extended_operation_s(orv_ld, oid, &request, nullptr, nullptr, &returnedOid, &data)
+                    : LDAP_PARAM_ERROR;
+    orv::LdapString oidOwner(returnedOid);
+    *hasResponse = data != nullptr && data->bv_val != nullptr;
+    if (*hasResponse) response->assign(data->bv_val, data->bv_len);
+    if (data) ber_bvfree(data);
+    return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+char** orvlib_get_sso_navigation_token(LDAP* ld, const char* user_dn) {
+    ORV_TRACE();
+    if (!ld) {
+        orv::report(ORV_LDAPLIB_SESSION_INVALID);
+        return nullptr;
+    }
+    ORV_DEBUG("User DN: ", user_dn ? user_dn : "");
+    // Only a user the directory knows gets a token.  The people search
+    // reports "nothing found" as 32; that, like an empty result, is an
+    // unknown user.  Any other failure is the search's.
+    LDAPMessage* res = nullptr;
+    int rc = orvlib_search_ext_s(ld, user_dn, ORV_SEARCH_PEOPLE, &res);
+    if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT) {
+        orvlib_orvmessage_free(res);
+        return nullptr;
+    }
+    const bool found = rc == LDAP_SUCCESS && res && orv_ld && ldap_count_entries(orv_ld, res) > 0;
+    orvlib_orvmessage_free(res);
+    if (!found) {
+        orv::report(kUnknownUser);
+        return nullptr;
+    }
+
+    std::string token;
+    bool hasToken = false;
+    rc = extended_operation(kIssueOid, user_dn, &token, &hasToken);
+    if (rc != LDAP_SUCCESS) {
+        orv::report(rc);
+        return nullptr;
+    }
+    if (!hasToken) {
+        orv::report(LDAP_SUCCESS);
+        return nullptr;
+    }
+    char** result = orvlib_arr_malloc(2);
+    if (!result) return nullptr;
+    result[0] = _orvlib_dupString(token.c_str());
+    result[1] = nullptr;
+    orv::report(LDAP_SUCCESS);
+    return result;
+}
+
+unsigned long orvlib_validate_sso_token(LDAP* ld, const ORVSSOToken** structSSOToken,
+                                        ORVLibEntry** libentry) {
+    ORV_TRACE();
+    if (!ld) return static_cast<unsigned long>(orv::report(ORV_LDAPLIB_SESSION_INVALID));
+    // The argument is the record itself, passed through the declared type.
+    const auto* record = reinterpret_cast<const ORVSSOToken*>(structSSOToken);
+    if (!record || !libentry) return static_cast<unsigned long>(orv::report(ORV_LDAPLIB_SSO_AUTHENTICATION_ERROR));
+    *libentry = nullptr;
+    // A wrong key is noted, but the server's answer decides.
+    if (!record->token_key || std::strcmp(record->token_key, kTokenKey) != 0) ldapErrCode = kInvalidTokenKey;
+
+    std::string dn;
+    bool hasDn = false;
+    int rc = extended_operation(kValidateOid, record->token_value ? record->token_value : "", &dn, &hasDn);
+    if (rc != LDAP_SUCCESS || !hasDn) {
+        int status = rc == kServerTokenExpired ? ORV_LDAPLIB_SSO_TIMEOUT : ORV_LDAPLIB_SSO_AUTHENTICATION_ERROR;
+        return static_cast<unsigned long>(orv::report(status));
+    }
+    ORV_DEBUG("Token user DN: ", dn);
+
+    LDAPMessage* res = nullptr;
+    rc = orvlib_search_ext_s(ld, dn.c_str(), ORV_SEARCH_PEOPLE, &res);
+    if (rc == LDAP_SUCCESS && res) orvlib_first_entry(ld, libentry, res);
+    orvlib_orvmessage_free(res);
+    return static_cast<unsigned long>(orv::report(rc));
+}
+
+ORVSSOToken* orvlib_create_sso_token(const char* token_name, const char* token_value) {
+    ORV_TRACE();
+    if (!token_name || std::strcmp(token_name, kTokenKey) != 0 || !token_value) {
+        orv::report(kInvalidTokenKey);
+        return nullptr;
+    }
+    auto* token = reinterpret_cast<ORVSSOToken*>(orvlib_str_malloc(sizeof(ORVSSOToken)));
+    if (!token) return nullptr;
+    token->token_key = _orvlib_dupString(token_name);
+    token->token_value = _orvlib_dupString(token_value);
+    return token;
+}
+
+void orvlib_orvssotoken_free(ORVSSOToken* ssoToken) {
+    ORV_TRACE();
+    if (!ssoToken) return;
+    orvlib_memfree(ssoToken->token_key);
+    orvlib_memfree(ssoToken->token_value);
+    orvlib_memfree(ssoToken);
+}
+
+}  // extern "C"
