@@ -6,6 +6,7 @@
  */
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <orvldap.h>
 #include <orvldap_utils.h>
 
@@ -75,6 +76,101 @@ static int show_session(const char* host, int port, int ssl) {
     return 0;
 }
 
+/* First value of an attribute, or "" (the caller frees *vals). */
+static const char* first(ORVLibEntry* entry, int id, char*** vals) {
+    *vals = orvlib_get_entry_vals(entry, id);
+    return (*vals && (*vals)[0]) ? (*vals)[0] : "";
+}
+
+/* Short form of a DN: the value of its first component. */
+static void print_rdn_values(char** dns, int width) {
+    int used = 0;
+    for (; dns && *dns; ++dns) {
+        const char* dn = *dns;
+        const char* eq = strchr(dn, '=');
+        const char* comma = strchr(dn, ',');
+        int len;
+        if (!eq) continue;
+        ++eq;
+        len = comma && comma > eq ? (int)(comma - eq) : (int)strlen(eq);
+        used += printf("%s%.*s", used ? ", " : "", len, eq);
+    }
+    if (used < width) printf("%*s", width - used, "");
+}
+
+/* Runs one search and prints its entries as a table. */
+static int show_search(LDAP* ld, const char* title, const char* filter, int type) {
+    LDAPMessage* result = NULL;
+    LDAPMessage* cursor;
+    ORVLibEntry* entry = NULL;
+    int rc = orvlib_search_ext_s(ld, filter, type, &result);
+    int rows = 0;
+
+    printf("\n%s (filter \"%s\")\n", title, filter);
+    if (rc != 0) {
+        char* text = NULL;
+        orvlib_get_last_error(NULL, &text);
+        printf("  search failed: %d %s\n", rc, text ? text : "");
+        orvlib_memfree(text);
+        return 1;
+    }
+    if (type == 5002)
+        printf("  %-14s %-34s %s\n", "cn", "description", "members");
+    else
+        printf("  %-10s %-16s %-26s %s\n", "uid", "cn", "mail", "roles");
+    for (cursor = orvlib_first_entry(ld, &entry, result); entry;
+         cursor = orvlib_next_entry(ld, &entry, cursor)) {
+        char **a, **b, **c, **d;
+        if (type == 5002) {
+            printf("  %-14s %-34s ", first(entry, 1, &a), first(entry, 4, &b));
+            c = orvlib_get_entry_vals(entry, 10);
+            print_rdn_values(c, 0);
+            d = NULL;
+        } else {
+            printf("  %-10s %-16s %-26s ", first(entry, 3, &a), first(entry, 1, &b), first(entry, 6, &c));
+            d = orvlib_get_entry_vals(entry, 19);
+            print_rdn_values(d, 0);
+        }
+        printf("\n");
+        orvlib_free_values(a);
+        orvlib_free_values(b);
+        orvlib_free_values(c);
+        orvlib_free_values(d);
+        orvlib_orvlibentry_free(entry);
+        entry = NULL;
+        ++rows;
+    }
+    printf("  (%d entr%s)\n", rows, rows == 1 ? "y" : "ies");
+    if (result) orvlib_orvmessage_free(result);
+    return 0;
+}
+
+/* People, groups and a group's members over one plain session. */
+static int show_searches(const char* host, int port) {
+    ORVLibInfo* info = NULL;
+    LDAP* ld;
+    int failures = 0;
+    orvlib_init();
+    ld = orvlib_getsession_context(host, port, &info, 0);
+    if (!ld) {
+        printf("  session failed: %d\n", ldapErrCode);
+        orvlib_uninitialize_lib();
+        return 1;
+    }
+    failures += show_search(ld, "People", "*", 5001);
+    failures += show_search(ld, "People whose name starts with B", "b*", 5001);
+    failures += show_search(ld, "Groups", "*", 5002);
+    failures += show_search(ld, "Members of Developers", "Developers", 5005);
+    if (info) {
+        orvlib_memfree((void*)info->orv_server_version);
+        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
+        orvlib_orvlibinfo_free(info);
+    }
+    orvlib_unbind(ld);
+    orvlib_uninitialize_lib();
+    return failures;
+}
+
 static int online_demo(int argc, char** argv) {
     int failures = 0;
     printf("\nSessions:\n");
@@ -83,6 +179,7 @@ static int online_demo(int argc, char** argv) {
         orvlib_setcertdb_path(argv[4]);
         failures += show_session(argv[1], atoi(argv[3]), 1);
     }
+    failures += show_searches(argv[1], atoi(argv[2]));
     return failures;
 }
 

@@ -10,6 +10,7 @@
 
 #include "orv_internal.hpp"
 #include "orv_ldap.hpp"
+#include "orv_search_internal.hpp"
 #include "orvldap.h"
 #include "orvldap_session.h"
 #include "orvldap_utils.h"
@@ -278,6 +279,7 @@ int orvlib_uninitialize_lib(void) {
     AUTH_USER_ORVLIBENTRY = nullptr;
     free_radius_config_info();
     free_authentication_details();
+    orv::release_search_state();
     orvlib_memfree(CORP_PEOPLE_SEARCH_BASE);
     CORP_PEOPLE_SEARCH_BASE = nullptr;
     orvlib_memfree(CORP_GROUP_SEARCH_BASE);

@@ -119,6 +119,21 @@ char** copy_values(ORVLibAttribute* item, int id) {
 
 }  // namespace
 
+namespace orv {
+
+void release_search_state() {
+    free_dn_lists();
+    free_custom_user_group_membership_res();
+    reset_pager();
+    release_all();
+    reset_local_searches();
+    orv::free_list(_UUID);
+    orvlib_memfree(user_input_filter);
+    user_input_filter = nullptr;
+}
+
+}  // namespace orv
+
 extern "C" {
 
 int orvlib_search_ext_s(LDAP* ld, const char* filter, int searchType, LDAPMessage** result) {

@@ -33,6 +33,12 @@ std::string ber_text(const berval* v) {
     return std::string(v->bv_val, strnlen(v->bv_val, v->bv_len));
 }
 
+// Cookies and contexts are opaque bytes.
+std::string ber_bytes(const berval* v) {
+    if (!v || !v->bv_val) return {};
+    return std::string(v->bv_val, v->bv_len);
+}
+
 // ------------------------------------------------------------------ pager
 
 enum class PageKind { None, Paging, Vlv };
@@ -125,7 +131,7 @@ int request_page(Pager& p, LDAPMessage** out) {
                 ber_int_t estimate = 0;
                 if (c && ldap_parse_pageresponse_control(p.ld, c, &estimate, &cookie) ==
                              LDAP_SUCCESS) {
-                    p.cookie = ber_text(&cookie);
+                    p.cookie = ber_bytes(&cookie);
                     if (cookie.bv_val) ber_memfree(cookie.bv_val);
                     p.more = !p.cookie.empty();
                 }
@@ -136,7 +142,7 @@ int request_page(Pager& p, LDAPMessage** out) {
                 int vlv_err = 0;
                 if (c && ldap_parse_vlvresponse_control(p.ld, c, &target, &count, &context,
                                                         &vlv_err) == LDAP_SUCCESS) {
-                    p.context = ber_text(context);
+                    p.context = ber_bytes(context);
                     if (context) ber_bvfree(context);
                     if (vlv_err == LDAP_SUCCESS && target > 0) {
                         p.content_count = count;

@@ -74,6 +74,10 @@ void release_all();
 void reset_group_members();
 void reset_local_searches();
 
+// Frees everything the last search keeps (DN lists, held messages, pages,
+// the filter); the library's uninitialisation calls it.
+void release_search_state();
+
 }  // namespace orv
 
 #endif  // ORV_SEARCH_INTERNAL_HPP
