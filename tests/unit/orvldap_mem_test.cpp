@@ -14,6 +14,7 @@
 #include <string>
 
 #include "orvldap.h"
+#include "scratch_log.hpp"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define ORV_TEST_ASAN 1
@@ -25,51 +26,11 @@
 
 namespace {
 
-// Runs the whole program in a scratch directory whose logger configuration
-// turns logging and tracing on at their most detailed levels, so the tests
-// can read what the memory functions write.
-class TraceEverything : public ::testing::Environment {
-public:
-    void SetUp() override {
-        char pattern[] = "/tmp/orvmem_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        ASSERT_NE(getcwd(previous_, sizeof previous_), nullptr);
-        ASSERT_EQ(chdir(dir_.c_str()), 0);
-        std::ofstream config("PEX_Log_Config.txt");
-        config << "EnableLogging=1\nEnableTracing=1\nLogLevel=4\nTraceLevel=6\n";
-    }
-    void TearDown() override {
-        if (DIR* d = opendir(dir_.c_str())) {
-            while (dirent* e = readdir(d)) {
-                if (e->d_name[0] != '.') unlink((dir_ + "/" + e->d_name).c_str());
-            }
-            closedir(d);
-        }
-        if (chdir(previous_) == 0) rmdir(dir_.c_str());
-    }
-    static std::string dir_;
-
-private:
-    char previous_[4096] = {};
-};
-std::string TraceEverything::dir_;
-::testing::Environment* const trace_env = ::testing::AddGlobalTestEnvironment(new TraceEverything);
-
-std::string log_text() {
-    std::string all;
-    if (DIR* d = opendir(TraceEverything::dir_.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (std::strncmp(e->d_name, "PEX_API_Log_", 12) != 0) continue;
-            std::ifstream in(TraceEverything::dir_ + "/" + e->d_name);
-            std::stringstream buffer;
-            buffer << in.rdbuf();
-            all += buffer.str();
-        }
-        closedir(d);
-    }
-    return all;
-}
+// The whole program runs with logging and tracing on at their most detailed
+// levels, so the tests can read what the memory functions write.
+::testing::Environment* const trace_env = ::testing::AddGlobalTestEnvironment(
+    new orvtest::ScratchLog("orvmem_test", "EnableLogging=1\nEnableTracing=1\nLogLevel=4\nTraceLevel=6\n"));
+using orvtest::log_text;
 
 // The first log line holding all of the given pieces, or "".
 std::string find_line(const std::string& log, const std::string& a, const std::string& b = "",

@@ -11,53 +11,15 @@
 #include <string>
 
 #include "orvldap.h"
+#include "scratch_log.hpp"
 
 namespace {
 
-// Runs the program in a scratch directory with logging on at level 3 and
-// tracing off: lines of severity 1 to 3 are written, severity 4 is not.
-class LogUpToLevelThree : public ::testing::Environment {
-public:
-    void SetUp() override {
-        char pattern[] = "/tmp/orverr_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        ASSERT_NE(getcwd(previous_, sizeof previous_), nullptr);
-        ASSERT_EQ(chdir(dir_.c_str()), 0);
-        std::ofstream config("PEX_Log_Config.txt");
-        config << "EnableLogging=1\nEnableTracing=0\nLogLevel=3\n";
-    }
-    void TearDown() override {
-        if (DIR* d = opendir(dir_.c_str())) {
-            while (dirent* e = readdir(d)) {
-                if (e->d_name[0] != '.') unlink((dir_ + "/" + e->d_name).c_str());
-            }
-            closedir(d);
-        }
-        if (chdir(previous_) == 0) rmdir(dir_.c_str());
-    }
-    static std::string dir_;
-
-private:
-    char previous_[4096] = {};
-};
-std::string LogUpToLevelThree::dir_;
-::testing::Environment* const log_env = ::testing::AddGlobalTestEnvironment(new LogUpToLevelThree);
-
-std::string log_text() {
-    std::string all;
-    if (DIR* d = opendir(LogUpToLevelThree::dir_.c_str())) {
-        while (dirent* e = readdir(d)) {
-            if (std::strncmp(e->d_name, "PEX_API_Log_", 12) != 0) continue;
-            std::ifstream in(LogUpToLevelThree::dir_ + "/" + e->d_name);
-            std::stringstream buffer;
-            buffer << in.rdbuf();
-            all += buffer.str();
-        }
-        closedir(d);
-    }
-    return all;
-}
+// Logging on at level 3 and tracing off: lines of severity 1 to 3 are
+// written, severity 4 is not.
+::testing::Environment* const log_env = ::testing::AddGlobalTestEnvironment(
+    new orvtest::ScratchLog("orverr_test", "EnableLogging=1\nEnableTracing=0\nLogLevel=3\n"));
+using orvtest::log_text;
 
 std::string identifier(int code) {
     char id[32];
