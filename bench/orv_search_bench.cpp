@@ -38,21 +38,7 @@ LDAP* open_library_session() {
         orvlib_memfree(const_cast<char*>(info->orv_server_lib_compatibility_version));
         orvlib_orvlibinfo_free(info);
     }
-    if (ld) return ld;
-    // A directory that does not answer the version check before the bind:
-    // the library's own bind on a plain connection, standalone mode.
-    std::fprintf(stderr, "orvlib_getsession_context failed with %d; binding directly\n",
-                 ldapErrCode);
-    int version = LDAP_VERSION3;
-    if (ldap_initialize(&ld, g_dir->uri().c_str()) != LDAP_SUCCESS) return nullptr;
-    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-    if (attempt_sasl_bind(ld) != LDAP_SUCCESS) {
-        ldap_unbind_ext_s(ld, nullptr, nullptr);
-        return nullptr;
-    }
-    orv_ld = ld;
-    ORV_OPERATION_MODE = 0;
-    if (mechanism == -1) mechanism = ORV_VLV;
+    if (!ld) std::fprintf(stderr, "orvlib_getsession_context failed with %d\n", ldapErrCode);
     return ld;
 }
 

@@ -16,51 +16,12 @@
 #include "orvldap.h"
 #include "orvldap_search.h"
 #include "pex_logger_internal.hpp"
+#include "session_support.hpp"
 #include "testbed.hpp"
 
 namespace orv::authtest {
 
-// A library session (orvlib_init .. orvlib_uninitialize_lib) on a plain
-// connection.  close() releases everything the session allocated.
-class Session {
-public:
-    Session() = default;
-    explicit Session(const orv::testbed::Directory& dir) { open(dir); }
-    ~Session() { close(); }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
-
-    void open(const orv::testbed::Directory& dir) { open(dir.host(), dir.port()); }
-    void open(const std::string& host, int port) {
-        orvlib_init();
-        opened_ = true;
-        ld_ = orvlib_getsession_context(host.c_str(), port, &info_, 0);
-    }
-    void close() {
-        // Released with the platform's free, so the counter keeps them.
-        if (opened_ && ORV_OPERATION_MODE == 1 && PARTITION_INFO) ++uncounted_;
-        if (opened_ && ORVLIB_IS_RADIUS_CONFIGURED == 1 && RADIUS_INFO) ++uncounted_;
-        if (info_) {
-            orvlib_memfree(const_cast<char*>(info_->orv_server_version));
-            orvlib_memfree(const_cast<char*>(info_->orv_server_lib_compatibility_version));
-            orvlib_orvlibinfo_free(info_);
-            info_ = nullptr;
-        }
-        if (ld_) orvlib_unbind(ld_);
-        if (opened_) orvlib_uninitialize_lib();
-        ld_ = nullptr;
-        opened_ = false;
-    }
-    LDAP* ld() const { return ld_; }
-    // Records freed without counting down (partition and RADIUS records).
-    int uncounted() const { return uncounted_; }
-
-private:
-    LDAP* ld_ = nullptr;
-    ORVLibInfo* info_ = nullptr;
-    bool opened_ = false;
-    int uncounted_ = 0;
-};
+using orvtest::Session;
 
 // Allocations made through the library and not released since start():
 // the partition and RADIUS records of closed sessions are left out (freed

@@ -22,6 +22,7 @@
 #include "orvldap_entry.h"
 #include "orvldap_search.h"
 #include "orvldap_utils.h"
+#include "session_support.hpp"
 #include "testbed.hpp"
 
 namespace {
@@ -225,41 +226,14 @@ char* cs(const char* s) { return const_cast<char*>(s); }
 class EntriesTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        orvlib_init();
-        ORVLibInfo* info = nullptr;
-        LDAP* ld = orvlib_getsession_context(directory().host().c_str(), directory().port(),
-                                             &info, 0);
-        if (info != nullptr) {
-            orvlib_memfree(const_cast<char*>(info->orv_server_version));
-            orvlib_memfree(const_cast<char*>(info->orv_server_lib_compatibility_version));
-            orvlib_orvlibinfo_free(info);
-        }
-        session_status_ = ldapErrCode;
-        if (ld == nullptr) {
-            // These tests are about entries and updates: without a session
-            // context they run on a plain administrator connection.
-            std::fprintf(stderr, "orvlib_getsession_context failed with %d; using a simple bind\n",
-                         session_status_);
-            const std::string uri = directory().uri();
-            int version = LDAP_VERSION3;
-            if (ldap_initialize(&ld, uri.c_str()) == LDAP_SUCCESS) {
-                ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
-                const std::string pw = directory().admin_pw();
-                berval cred{static_cast<ber_len_t>(pw.size()), const_cast<char*>(pw.data())};
-                if (ldap_sasl_bind_s(ld, directory().admin_dn().c_str(), LDAP_SASL_SIMPLE, &cred,
-                                     nullptr, nullptr, nullptr) != LDAP_SUCCESS) {
-                    ldap_unbind_ext_s(ld, nullptr, nullptr);
-                    ld = nullptr;
-                }
-            }
-            orv_ld = ld;
-            ORV_OPERATION_MODE = 0;
-        }
-        session_ok_ = ld != nullptr && ld == orv_ld;
+        session_ = new orvtest::Session(directory());
+        session_status_ = session_->status();
+        session_ok_ = session_->ld() != nullptr;
         if (session_ok_) directory().apply_ldif(extra_ldif());
     }
     static void TearDownTestSuite() {
-        if (orv_ld != nullptr) orvlib_unbind(orv_ld);
+        delete session_;
+        session_ = nullptr;
     }
 
     void SetUp() override {
@@ -291,9 +265,11 @@ protected:
     }
 
     int mem_start_ = 0;
+    static orvtest::Session* session_;
     static bool session_ok_;
     static int session_status_;
 };
+orvtest::Session* EntriesTest::session_ = nullptr;
 bool EntriesTest::session_ok_ = false;
 int EntriesTest::session_status_ = 0;
 

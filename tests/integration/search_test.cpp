@@ -26,6 +26,7 @@
 #include "orvldap_search.h"
 #include "orvldap_session.h"
 #include "orvldap_utils.h"
+#include "session_support.hpp"
 #include "testbed.hpp"
 
 namespace {
@@ -61,51 +62,7 @@ std::string extra_ldif() {
            "\norvCorporateDN: cn=Engineering,ou=Groups,dc=corp,dc=test\n";
 }
 
-void free_info(ORVLibInfo* info) {
-    if (!info) return;
-    orvlib_memfree(const_cast<char*>(info->orv_server_version));
-    orvlib_memfree(const_cast<char*>(info->orv_server_lib_compatibility_version));
-    orvlib_orvlibinfo_free(info);
-}
-
-// A library session with one directory, from init to uninitialise.
-class Session {
-public:
-    explicit Session(orv::testbed::Directory& dir) {
-        orvlib_init();
-        ORVLibInfo* info = nullptr;
-        ld_ = orvlib_getsession_context(dir.host().c_str(), dir.port(), &info, 0);
-        status_ = ldapErrCode;
-        free_info(info);
-        if (!ld_) {
-            // These tests are about searches: without a session context they
-            // run on a connection bound the library's way, in standalone mode.
-            std::fprintf(stderr, "orvlib_getsession_context failed with %d; binding directly\n",
-                         status_);
-            int version = LDAP_VERSION3;
-            if (ldap_initialize(&ld_, dir.uri().c_str()) == LDAP_SUCCESS) {
-                ldap_set_option(ld_, LDAP_OPT_PROTOCOL_VERSION, &version);
-                if (attempt_sasl_bind(ld_) != LDAP_SUCCESS) {
-                    ldap_unbind_ext_s(ld_, nullptr, nullptr);
-                    ld_ = nullptr;
-                }
-            }
-            orv_ld = ld_;
-            ORV_OPERATION_MODE = 0;
-            if (mechanism == -1) mechanism = ORV_VLV;
-        }
-    }
-    ~Session() {
-        if (ld_) orvlib_unbind(ld_);
-        orvlib_uninitialize_lib();
-    }
-    LDAP* ld() const { return ld_; }
-    int status() const { return status_; }
-
-private:
-    LDAP* ld_ = nullptr;
-    int status_ = 0;
-};
+using orvtest::Session;
 
 // First value of attribute id, "" when the entry has none.
 std::string value_of(ORVLibEntry* entry, int id) {

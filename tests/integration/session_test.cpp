@@ -10,6 +10,7 @@
 #include "orvldap_helper.h"
 #include "orvldap_session.h"
 #include "orvplatforms.h"
+#include "session_support.hpp"
 #include "testbed.hpp"
 
 using orv::testbed::Directory;
@@ -29,46 +30,14 @@ std::string info_option(ORVLibInfo* info, int option, int* status = nullptr) {
     return value;
 }
 
-void free_info(ORVLibInfo* info) {
-    if (!info) return;
-    orvlib_memfree(const_cast<char*>(info->orv_server_version));
-    orvlib_memfree(const_cast<char*>(info->orv_server_lib_compatibility_version));
-    orvlib_orvlibinfo_free(info);
+using orvtest::free_info;
+using orvtest::Session;
+
+// Closes the session and checks that it released everything it allocated.
+void close_clean(Session& s) {
+    s.close();
+    EXPECT_EQ(s.outstanding(), 0) << "allocations left after the session";
 }
-
-// One session from init to uninitialise; checks that nothing is left over.
-class Session {
-public:
-    // The partition record of a corporate session is released outside the
-    // allocation counter, so such a session leaves the counter one higher.
-    Session(const std::string& host, int port, int ssl = 0, int leftover = 0) : leftover_(leftover) {
-        start_count_ = _memCnt;
-        orvlib_init();
-        ld_ = orvlib_getsession_context(host.c_str(), port, &info_, ssl);
-        status_ = ldapErrCode;
-    }
-    ~Session() { close(); }
-    void close() {
-        if (closed_) return;
-        closed_ = true;
-        free_info(info_);
-        info_ = nullptr;
-        if (ld_) orvlib_unbind(ld_);
-        orvlib_uninitialize_lib();
-        EXPECT_EQ(_memCnt, start_count_ + leftover_) << "allocations left after the session";
-    }
-    LDAP* ld() const { return ld_; }
-    ORVLibInfo* info() const { return info_; }
-    int status() const { return status_; }
-
-private:
-    LDAP* ld_ = nullptr;
-    ORVLibInfo* info_ = nullptr;
-    int status_ = 0;
-    int start_count_ = 0;
-    int leftover_ = 0;
-    bool closed_ = false;
-};
 
 void set_compat_version(Directory& dir, const std::string& version) {
     dir.apply_ldif("dn: cn=Version Number," + dir.suffix() +
@@ -130,6 +99,7 @@ TEST(Session, PlainSessionReadsConfigurationAndInformation) {
     EXPECT_EQ(orvlib_get_connection_status(s.ld()), 3040);
     EXPECT_EQ(orvlib_unbind(s.ld()), 0);
     EXPECT_EQ(orv_ld, nullptr);
+    close_clean(s);
 }
 
 TEST(Session, TrustedOsAuthFlagAndSecondSessionReplaceTheFirst) {
@@ -168,12 +138,14 @@ TEST(Session, ServerVersionCheck) {
         orvlib_get_last_error(nullptr, &text);
         EXPECT_STREQ(text, "This version of ORV is not Supported");
         orvlib_memfree(text);
+        close_clean(s);
     }
     EXPECT_EQ(orvlib_validate_server_details(dir.host().c_str(), dir.port(), 0), 3041);
     for (const char* accepted : {"6.0.0.1", "5.9.9.9"}) {
         set_compat_version(dir, accepted);
         Session s(dir.host(), dir.port());
         EXPECT_NE(s.ld(), nullptr) << accepted << " status " << s.status();
+        close_clean(s);
     }
     EXPECT_EQ(orvlib_validate_server_details(dir.host().c_str(), dir.port(), 0), 3040);
 }
@@ -223,10 +195,10 @@ TEST(Session, BadInputAnswersStatusCodes) {
 TEST(Session, SessionWithoutPartitionEntryFailsInCorporateMode) {
     Directory& dir = Environment::directory();
     dir.reseed("standalone", {{"operation_mode", "1"}});
-    Session s(dir.host(), dir.port(), 0, 1);
+    Session s(dir.host(), dir.port());
     EXPECT_EQ(s.ld(), nullptr);
     EXPECT_EQ(s.status(), 3025);
-    s.close();
+    close_clean(s);
     dir.reseed("standalone");
 }
 
@@ -239,7 +211,7 @@ TEST(Session, CorporateSessionOpensTheAdministrativeConnection) {
                              {"corp_admin_pw", corp.param("corp_admin_pw")},
                              {"corp_suffix", corp.suffix()}});
     {
-        Session s(dir.host(), dir.port(), 0, 1);
+        Session s(dir.host(), dir.port());
         ASSERT_NE(s.ld(), nullptr) << "status " << s.status();
         EXPECT_EQ(ORV_OPERATION_MODE, 1);
         EXPECT_EQ(isServerInStandaloneMode, 0);
@@ -258,6 +230,7 @@ TEST(Session, CorporateSessionOpensTheAdministrativeConnection) {
         EXPECT_EQ(orvlib_get_connection_status(s.ld()), 3040);
         orvlib_unbind(s.ld());
         EXPECT_EQ(corporate_admin_ld, nullptr);
+        close_clean(s);
     }
     dir.reseed("standalone");
 }
@@ -284,6 +257,7 @@ TEST(Recovery, StatusFollowsTheServerDownAndUpAgain) {
               LDAP_SUCCESS);
     EXPECT_EQ(ldap_count_entries(orv_ld, res), 1);
     ldap_msgfree(res);
+    close_clean(s);
 }
 
 TEST(Ssl, SessionOverSslNeedsATrustedStore) {
@@ -300,6 +274,7 @@ TEST(Ssl, SessionOverSslNeedsATrustedStore) {
         if (s.ld()) {
             EXPECT_EQ(orvlib_get_connection_status(s.ld()), 3040);
         }
+        close_clean(s);
     }
     // A store whose CA did not sign the server's certificate.
     orvlib_setcertdb_path((untrusted + "/p12/").c_str());
@@ -307,6 +282,7 @@ TEST(Ssl, SessionOverSslNeedsATrustedStore) {
         Session s(dir.host(), dir.tls_port(), 1);
         EXPECT_EQ(s.ld(), nullptr);
         EXPECT_NE(s.status(), 0);
+        close_clean(s);
     }
     // No store at all.
     orvlib_setcertdb_path("/nonexistent/");
@@ -314,6 +290,7 @@ TEST(Ssl, SessionOverSslNeedsATrustedStore) {
         Session s(dir.host(), dir.tls_port(), 1);
         EXPECT_EQ(s.ld(), nullptr);
         EXPECT_NE(s.status(), 0);
+        close_clean(s);
     }
     EXPECT_EQ(orvlib_validate_server_details(dir.host().c_str(), dir.tls_port(), 1), 3041);
     orvlib_setcertdb_path((good + "/p12/").c_str());
