@@ -252,13 +252,7 @@ int orvlib_authenticate_radius_user(LDAP* ld, const char* uid, const char* passw
     ORV_DEBUG("Value: ", orv::radius_request_value(RADIUS_INFO->radius_hostname,
                                                    RADIUS_INFO->radius_port_number, "xxxxxxxx",
                                                    radiusUser, "xxxxxxxx"));
-    berval request{static_cast<ber_len_t>(value.size()), &value[0]};
-    char* oid = nullptr;
-    berval* data = nullptr;
-    int rc = orv_ld ? ldap_extended_operation_s(orv_ld, kRadiusOid, &request, nullptr, nullptr, &oid, &data)
-                    : LDAP_PARAM_ERROR;
-    orv::LdapString oidOwner(oid);
-    if (data) ber_bvfree(data);
+    int rc = orv::extended_operation(orv_ld, kRadiusOid, value);
     // Wipe the copy that held the secret and the password.
     std::fill(value.begin(), value.end(), '\0');
 

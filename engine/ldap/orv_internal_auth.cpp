@@ -332,21 +332,16 @@ int _authenticateOSUser(LDAP* ld, const char* uid, const char* passwd) {
         ORV_DEBUG("Make sure password is not NULL or empty", "");
         return store(ORV_LDAPLIB_INVALID_INPUT);
     }
-    std::string value = std::string(uid ? uid : "") + ":" + passwd;
-    berval request{static_cast<ber_len_t>(value.size()), &value[0]};
-    char* oid = nullptr;
-    berval* data = nullptr;
-    int rc = ld ? ldap_extended_operation_s(ld, kOsAuthOid, &request, nullptr, nullptr, &oid, &data)
-                : LDAP_PARAM_ERROR;
-    orv::LdapString oidOwner(oid);
-    if (data) ber_bvfree(data);
+    const std::string value = std::string(uid ? uid : "") + ":" + passwd;
+    orv::ExtendedResponse answer;
+    int rc = orv::extended_operation(ld, kOsAuthOid, value, &answer);
     if (rc != LDAP_SUCCESS) {
         ORV_DEBUG("Password for the user is wrong", rc);
         return orv::report(LDAP_INVALID_CREDENTIALS);
     }
     ORV_DEBUG("Operation Successfull", "");
-    if (oid)
-        ORV_DEBUG("OID returned:", oid);
+    if (answer.hasOid)
+        ORV_DEBUG("OID returned:", answer.oid);
     else
         ORV_DEBUG("No OID returned:", "");
     return orv::report(LDAP_SUCCESS);

@@ -44,6 +44,27 @@ int simple_bind(LDAP* ld, const char* dn, const char* password) {
     return ldap_sasl_bind_s(ld, dn, LDAP_SASL_SIMPLE, &cred, nullptr, nullptr, nullptr);
 }
 
+int extended_operation(LDAP* ld, const char* oid, const std::string& value,
+                       ExtendedResponse* response) {
+    if (response) *response = ExtendedResponse();
+    if (!ld) return LDAP_PARAM_ERROR;
+    berval request{static_cast<ber_len_t>(value.size()), const_cast<char*>(value.data())};
+    char* returnedOid = nullptr;
+    berval* data = nullptr;
+    int rc = ldap_extended_operation_s(ld, oid, &request, nullptr, nullptr, &returnedOid, &data);
+    LdapString oidOwner(returnedOid);
+    if (response && returnedOid) {
+        response->hasOid = true;
+        response->oid = returnedOid;
+    }
+    if (response && data && data->bv_val) {
+        response->hasValue = true;
+        response->value.assign(data->bv_val, data->bv_len);
+    }
+    if (data) ber_bvfree(data);
+    return rc;
+}
+
 void unbind(LDAP*& ld) {
     if (ld) ldap_unbind_ext_s(ld, nullptr, nullptr);
     ld = nullptr;

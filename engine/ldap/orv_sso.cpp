@@ -28,23 +28,6 @@ constexpr int kUnknownUser = 34;
 // Result the server gives a token that has run out.
 constexpr int kServerTokenExpired = 3000;
 
-// Runs one extended operation on the library's own connection; *response
-// receives the response value (empty when the server sent none).
-int extended_operation(const char* oid, const std::string& value, std::string* response,
-                       bool* hasResponse) {
-    std::string copy = value;
-    berval request{static_cast<ber_len_t>(copy.size()), copy.empty() ? nullptr : &copy[0]};
-    char* returnedOid = nullptr;
-    berval* data = nullptr;
-    int rc = orv_ld ? ldap_extended_operation_s(orv_ld, oid, &request, nullptr, nullptr, &returnedOid, &data)
-                    : LDAP_PARAM_ERROR;
-    orv::LdapString oidOwner(returnedOid);
-    *hasResponse = data != nullptr && data->bv_val != nullptr;
-    if (*hasResponse) response->assign(data->bv_val, data->bv_len);
-    if (data) ber_bvfree(data);
-    return rc;
-}
-
 }  // namespace
 
 extern "C" {
@@ -72,20 +55,19 @@ char** orvlib_get_sso_navigation_token(LDAP* ld, const char* user_dn) {
         return nullptr;
     }
 
-    std::string token;
-    bool hasToken = false;
-    rc = extended_operation(kIssueOid, user_dn, &token, &hasToken);
+    orv::ExtendedResponse token;
+    rc = orv::extended_operation(orv_ld, kIssueOid, user_dn, &token);
     if (rc != LDAP_SUCCESS) {
         orv::report(rc);
         return nullptr;
     }
-    if (!hasToken) {
+    if (!token.hasValue) {
         orv::report(LDAP_SUCCESS);
         return nullptr;
     }
     char** result = orvlib_arr_malloc(2);
     if (!result) return nullptr;
-    result[0] = _orvlib_dupString(token.c_str());
+    result[0] = _orvlib_dupString(token.value.c_str());
     result[1] = nullptr;
     orv::report(LDAP_SUCCESS);
     return result;
@@ -102,10 +84,11 @@ unsigned long orvlib_validate_sso_token(LDAP* ld, const ORVSSOToken** structSSOT
     // A wrong key is noted, but the server's answer decides.
     if (!record->token_key || std::strcmp(record->token_key, kTokenKey) != 0) ldapErrCode = kInvalidTokenKey;
 
-    std::string dn;
-    bool hasDn = false;
-    int rc = extended_operation(kValidateOid, record->token_value ? record->token_value : "", &dn, &hasDn);
-    if (rc != LDAP_SUCCESS || !hasDn) {
+    orv::ExtendedResponse answer;
+    int rc = orv::extended_operation(orv_ld, kValidateOid, record->token_value ? record->token_value : "",
+                                     &answer);
+    const std::string& dn = answer.value;
+    if (rc != LDAP_SUCCESS || !answer.hasValue) {
         int status = rc == kServerTokenExpired ? ORV_LDAPLIB_SSO_TIMEOUT : ORV_LDAPLIB_SSO_AUTHENTICATION_ERROR;
         return static_cast<unsigned long>(orv::report(status));
     }

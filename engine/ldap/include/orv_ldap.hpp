@@ -24,6 +24,19 @@ std::string entry_dn(LDAP* ld, LDAPMessage* entry);
 // Simple bind; NULL handle gives LDAP_PARAM_ERROR.
 int simple_bind(LDAP* ld, const char* dn, const char* password);
 
+// What a server answers to an extended operation besides its result code.
+struct ExtendedResponse {
+    bool hasOid = false;
+    std::string oid;
+    bool hasValue = false;
+    std::string value;
+};
+
+// Synchronous extended operation with `value` as request value (sent as it
+// is, not copied); NULL handle gives LDAP_PARAM_ERROR.
+int extended_operation(LDAP* ld, const char* oid, const std::string& value,
+                       ExtendedResponse* response = nullptr);
+
 // Unbinds and clears a handle; NULL is ignored.
 void unbind(LDAP*& ld);
 
