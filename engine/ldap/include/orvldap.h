@@ -12,6 +12,12 @@
 #ifndef ORVLDAP_H
 #define ORVLDAP_H
 
+/* Client applications use the classic LDAP calls (ldap_init,
+ * ldap_get_values, ldap_value_free, ldap_search_s, ...) that OpenLDAP
+ * declares only on request. */
+#ifndef LDAP_DEPRECATED
+#define LDAP_DEPRECATED 1
+#endif
 #include <ldap.h>
 
 #if defined(__GNUC__)
