@@ -18,6 +18,27 @@
 
 namespace {
 
+// The tests of one program run as parallel processes in one working
+// directory; those that look at the "state" file each work in a directory
+// of their own.
+class ScratchDirectory {
+public:
+    ScratchDirectory() {
+        char pattern[] = "/tmp/orvuuid_test_XXXXXX";
+        if (mkdtemp(pattern) && getcwd(previous_, sizeof previous_) && chdir(pattern) == 0) dir_ = pattern;
+    }
+    ~ScratchDirectory() {
+        if (dir_.empty()) return;
+        std::remove(ORV_UUID_STATE_FILE);
+        if (chdir(previous_) == 0) rmdir(dir_.c_str());
+    }
+    bool ok() const { return !dir_.empty(); }
+
+private:
+    char previous_[4096] = {};
+    std::string dir_;
+};
+
 // A scripted clock: answers `now` until it has been read `reads_per_tick`
 // times since the last change, then moves on by 10 (one microsecond).
 struct ScriptedClock {
@@ -163,7 +184,8 @@ TEST(UuidGuid, TextLayoutVersionVariantAndSharedNode) {
 }
 
 TEST(UuidState, CreateLeavesTheFileSystemAlone) {
-    std::remove(ORV_UUID_STATE_FILE);
+    ScratchDirectory scratch;
+    ASSERT_TRUE(scratch.ok());
     orv_uuid_t u;
     for (int i = 0; i < 10; ++i) ASSERT_EQ(uuid_create(&u), 1);
     struct stat st;
@@ -171,7 +193,8 @@ TEST(UuidState, CreateLeavesTheFileSystemAlone) {
 }
 
 TEST(UuidState, WriteAtMostEveryTenSecondsAndReadBack) {
-    std::remove(ORV_UUID_STATE_FILE);
+    ScratchDirectory scratch;
+    ASSERT_TRUE(scratch.ok());
     unsigned short cs = 0;
     orv_uuid_time_t ts = 0;
     orv_uuid_node_t node{};
