@@ -23,11 +23,8 @@ namespace {
 const char kAnyGroupClass[] =
     "(|(objectClass=group)(objectClass=groupOfUniqueNames)(objectClass=groupOfNames))";
 
-bool corporate_search_mode() { return ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1; }
-
-bool meta_groups_configured() {
-    return PARTITION_INFO && PARTITION_INFO->partition_search_base_type == 2;
-}
+using orv::corporate_search_mode;
+using orv::meta_groups_configured;
 
 // Cursor of the local group search.
 LDAPMessage* g_local_cursor = nullptr;

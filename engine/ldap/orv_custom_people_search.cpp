@@ -25,11 +25,8 @@ namespace {
 const char kPersonFilterStrict[] =
     "(&(objectclass=person)(!(objectclass=computer))(!(objectclass=contact)))";
 
-bool corporate_search_mode() { return ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1; }
-
-bool meta_groups_configured() {
-    return PARTITION_INFO && PARTITION_INFO->partition_search_base_type == 2;
-}
+using orv::corporate_search_mode;
+using orv::meta_groups_configured;
 
 // Every entry of a paged result in order, the later pages included.
 std::vector<std::string> all_dns(LDAP* ld, LDAPMessage* res) {

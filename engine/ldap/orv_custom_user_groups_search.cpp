@@ -21,7 +21,7 @@ namespace {
 // Cursor of the local user-groups search.
 LDAPMessage* g_local_cursor = nullptr;
 
-bool corporate_search_mode() { return ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1; }
+using orv::corporate_search_mode;
 
 // The user DN named by a filter that is a DN or a user id filter, looked up
 // below `base` on ld; empty when not found.

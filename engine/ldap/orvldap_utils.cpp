@@ -474,9 +474,7 @@ std::string logon_term(const char* value) {
     return std::string("(") + logon + ORV_CONSTANT_EQUALS + value + ")";
 }
 
-bool corporate_search_mode() {
-    return ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1;
-}
+using orv::corporate_search_mode;
 
 // Hands the result message to the caller when it asked for it; otherwise it
 // is released here.

@@ -464,7 +464,7 @@ int invoke_underlaying_search_mechanism(int searchType, LDAP* ld, const char* fi
     LDAP* conn = ld;
     std::string people_base = ORV_PEOPLE_SRCH_BASE;
     std::string group_base = ORV_GROUP_SRCH_BASE;
-    if (!(ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1)) {
+    if (!orv::corporate_search_mode()) {
         ORV_DEBUG("Local PEX Operation", "");
     } else {
         ORV_DEBUG("Corporate operation", "");

@@ -97,6 +97,14 @@ struct OrvFree {
 };
 using OrvString = std::unique_ptr<char, OrvFree>;
 
+// True while searches go to the corporate partition.
+inline bool corporate_search_mode() { return ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 1; }
+
+// True when the partition restricts users and groups by meta groups.
+inline bool meta_groups_configured() {
+    return PARTITION_INFO && PARTITION_INFO->partition_search_base_type == 2;
+}
+
 // Stores status in ldapErrCode, logs it through orvlib_get_last_error and
 // returns it.
 inline int report(int status) {
