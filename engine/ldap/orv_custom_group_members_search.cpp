@@ -33,26 +33,26 @@ const char kPersonFilterStrict[] =
     "(&(objectclass=person)(!(objectclass=computer))(!(objectclass=contact)))";
 
 // Slots of GLOBAL_ZORLA_GROUPMEMBERS_LIST.  Delivered members have their
-// slot freed and set to NULL, so the list's length is kept here.
-int g_member_count = 0;
+// slot freed and set to NULL, so the list's length is kept with the search.
+int& member_count() { return orv::search_state().member_count; }
 
-bool is_drop(int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR; }
+bool is_drop(int rc) { return orv::is_connection_drop(rc); }
 
 void free_member_list() {
     if (GLOBAL_ZORLA_GROUPMEMBERS_LIST) {
-        for (int i = 0; i < g_member_count; ++i) orvlib_memfree(GLOBAL_ZORLA_GROUPMEMBERS_LIST[i]);
+        for (int i = 0; i < member_count(); ++i) orvlib_memfree(GLOBAL_ZORLA_GROUPMEMBERS_LIST[i]);
         orvlib_memfree(GLOBAL_ZORLA_GROUPMEMBERS_LIST);
     }
     GLOBAL_ZORLA_GROUPMEMBERS_LIST = nullptr;
-    g_member_count = 0;
+    member_count() = 0;
     current_zorla_group_members_dn_index = -1;
 }
 
 void set_member_list(char** list) {
     free_member_list();
     GLOBAL_ZORLA_GROUPMEMBERS_LIST = list;
-    g_member_count = count_array_elements(list);
-    ORV_DEBUG("Number of group members: ", g_member_count);
+    member_count() = count_array_elements(list);
+    ORV_DEBUG("Number of group members: ", member_count());
 }
 
 void free_nested_list() {
@@ -66,7 +66,7 @@ void free_nested_list() {
 
 // Reads one member DN as a user; retries on connection drops.
 int read_member(LDAP*& ld, const char* dn, orv::LdapMsg& res) {
-    int rc = LDAP_SERVER_DOWN;
+    int rc = orv::kServerDown;
     for (int attempt = 0; attempt <= connection_retries; ++attempt) {
         rc = orv::search(ld, dn, LDAP_SCOPE_BASE, kPersonFilterStrict, ORVLIB_USER_ATTR_LIST, 0,
                          res);
@@ -92,11 +92,11 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
         ++current_zorla_group_members_dn_index;
         const int index = current_zorla_group_members_dn_index;
         ORV_DEBUG("current_zorla_group_members_dn_index: ", index);
-        if (!GLOBAL_ZORLA_GROUPMEMBERS_LIST || index >= g_member_count) {
+        if (!GLOBAL_ZORLA_GROUPMEMBERS_LIST || index >= member_count()) {
             // Members used up: continue with the next nested group.
             if (!nested_groups_retrieved) {
                 int n = 0;
-                for (int i = 0; i < g_member_count; ++i) {
+                for (int i = 0; i < member_count(); ++i) {
                     char* dn = GLOBAL_ZORLA_GROUPMEMBERS_LIST[i];
                     if (!dn) continue;
                     if (n >= ORV_NESTED_GROUP_LIST_SIZE - 1) {
@@ -233,7 +233,7 @@ LDAPMessage* perform_recursive_search(LDAP* ld, ORVLibEntry** entry) {
     ORV_TRACE();
     // Ends the current member list so that the iteration moves on to the
     // next nested group.
-    current_zorla_group_members_dn_index = g_member_count - 1;
+    current_zorla_group_members_dn_index = member_count() - 1;
     return members_step(ld, entry);
 }
 

@@ -26,9 +26,6 @@ const char kAnyGroupClass[] =
 using orv::corporate_search_mode;
 using orv::meta_groups_configured;
 
-// Cursor of the local group search.
-LDAPMessage* g_local_cursor = nullptr;
-
 // Head of the group DN list.
 groups_node* start = nullptr;
 
@@ -36,7 +33,8 @@ groups_node* start = nullptr;
 
 namespace orv {
 void reset_local_searches() {
-    g_local_cursor = nullptr;
+    search_state().local_group_cursor = nullptr;
+    search_state().local_user_groups_cursor = nullptr;
     release(Held::LocalGroups);
     release(Held::LocalUserGroups);
 }
@@ -162,11 +160,11 @@ LDAPMessage* perform_standalone_group_search(LDAP* ld, const char* filter) {
         ORV_DEBUG("No of entries in searchresult: ",
                   rc == LDAP_SUCCESS ? ldap_count_entries(ld, res.get()) : 0);
         ORV_DEBUG("ldapErrcode in standalone group searches", rc);
-        g_local_cursor = orv::first_entry(ld, orv::hold(orv::Held::LocalGroups, res.release()));
-        return g_local_cursor;
+        orv::search_state().local_group_cursor = orv::first_entry(ld, orv::hold(orv::Held::LocalGroups, res.release()));
+        return orv::search_state().local_group_cursor;
     }
-    g_local_cursor = orv::next_entry(ld, g_local_cursor);
-    return g_local_cursor;
+    orv::search_state().local_group_cursor = orv::next_entry(ld, orv::search_state().local_group_cursor);
+    return orv::search_state().local_group_cursor;
 }
 
 void append_to_groupDN_list(groups_node** tail, const char* dn) {

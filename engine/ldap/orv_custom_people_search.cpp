@@ -130,9 +130,11 @@ int orv_custom_people_search(LDAP* ld, const char* base, int scope, const char* 
             orv::free_list(GLOBAL_ZORLA_USERDN_LIST);
             GLOBAL_ZORLA_USERDN_LIST = orv::to_orv_array(all_dns(ld, *res));
         } else {
-            // Exact searches: every entry of the (first) page must be a
-            // member of the meta group.
-            for (LDAPMessage* e = first; e; e = orv::next_entry(ld, e)) {
+            // Exact searches: every entry of every page must be a member of
+            // the meta group.  Checking the later pages reads them, so the
+            // search is made again for the caller once all of them passed.
+            bool read_later_pages = false;
+            for (LDAPMessage* e = first; e;) {
                 const std::string dn = orv::entry_dn(ld, e);
                 ORV_DEBUG("DN", dn);
                 if (dn.empty() || isValidMetaGroupMember(dn.c_str(), 0) != 0) {
@@ -142,6 +144,17 @@ int orv_custom_people_search(LDAP* ld, const char* base, int scope, const char* 
                     orv::reset_pager();
                     return orv::report(LDAP_NO_SUCH_OBJECT);
                 }
+                LDAPMessage* next = orv::next_entry(ld, e);
+                if (!next) {
+                    next = orv::next_page();
+                    if (next) read_later_pages = true;
+                }
+                e = next;
+            }
+            if (read_later_pages) {
+                orvlib_orvmessage_free(*res);
+                *res = nullptr;
+                rc = orv::paged_search(ld, search_base.c_str(), scope, F.c_str(), attrs, res);
             }
         }
     }
@@ -210,13 +223,14 @@ void orvGetPeopleSearchEntries(LDAP* ld, ORVLibEntry** entry) {
     orv::append_server_attributes(ld, e, *entry);
 
     // A mirrored corporate user: add the attributes of its corporate entry,
-    // found by the first RDN of its corporate DN.  This search replaces the
-    // state of the search in progress.
+    // found by the first RDN of its corporate DN, in a search of its own
+    // (the Windows user iteration goes on afterwards).
     const char* corporate_dn = first_entry_value(*entry, 13);
     if (!corporate_dn) return;
     std::string rdn = corporate_dn;
     const size_t comma = rdn.find(',');
     if (comma != std::string::npos) rdn.resize(comma);
+    orv::NestedSearch own_search;
     LDAPMessage* nested = nullptr;
     rc = orvlib_search_ext_s(ld, rdn.c_str(), ORV_SEARCH_PEOPLE, &nested);
     orv::LdapMsg owned(nested);

@@ -23,17 +23,7 @@ namespace {
 // Status of a membership filter without "=" or without a group part.
 constexpr int kNotAMembershipFilter = 57;
 
-struct Membership {
-    orv::LdapMsg result;
-    LDAPMessage* first = nullptr;
-    void clear() {
-        first = nullptr;
-        result.reset();
-    }
-};
-
-Membership g_membership;           // ordinary membership search
-Membership g_library_membership;   // library group, corporate user
+using orv::Membership;
 
 // The user id of a membership filter: after the first "=" up to the next
 // ")", cleaned of unbalanced parentheses and reduced to the bare id.
@@ -74,7 +64,7 @@ extern "C" {
 
 int orv_custom_user_group_membership_srch(LDAP* ld, const char* filter) {
     ORV_TRACE();
-    g_membership.clear();
+    orv::search_state().membership.clear();
     if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
     if (!filter || !strchr(filter, '=')) return orv::report(kNotAMembershipFilter);
     const std::string uid = membership_uid(filter);
@@ -95,13 +85,13 @@ int orv_custom_user_group_membership_srch(LDAP* ld, const char* filter) {
     orv::OrvString group_dn(getDNFromGroupCN(ld, group.get(), nullptr));
     if (!group_dn) return orv::report(LDAP_SUCCESS);
     ORV_DEBUG("group_dn: ", group_dn.get());
-    return orv::report(read_group(ld, group_dn.get(), F, g_membership));
+    return orv::report(read_group(ld, group_dn.get(), F, orv::search_state().membership));
 }
 
 LDAPMessage* custom_user_group_membership_first_entry(LDAP* ld, ORVLibEntry** entry) {
     ORV_TRACE();
     if (entry) *entry = nullptr;
-    LDAPMessage* e = g_membership.first;
+    LDAPMessage* e = orv::search_state().membership.first;
     if (!e) return nullptr;
     if (ORV_OPERATION_MODE == 1) {
         // The group came from the partition: read it through a connection
@@ -117,14 +107,14 @@ LDAPMessage* custom_user_group_membership_first_entry(LDAP* ld, ORVLibEntry** en
 
 int free_custom_user_group_membership_res(void) {
     ORV_TRACE();
-    g_membership.clear();
-    g_library_membership.clear();
+    orv::search_state().membership.clear();
+    orv::search_state().library_membership.clear();
     return 0;
 }
 
 int orv_custom_user_group_membership_standalone_grp_crp_usr_srch(LDAP* ld, const char* filter) {
     ORV_TRACE();
-    g_library_membership.clear();
+    orv::search_state().library_membership.clear();
     if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
     if (!filter || !strchr(filter, '=')) return orv::report(kNotAMembershipFilter);
     const std::string uid = membership_uid(filter);
@@ -149,14 +139,14 @@ int orv_custom_user_group_membership_standalone_grp_crp_usr_srch(LDAP* ld, const
                                 : getDNFromGroupCN(ld, group.get(), ORV_GROUP_SRCH_BASE));
     if (!group_dn) return orv::report(LDAP_SUCCESS);
     ORV_DEBUG("group_dn: ", group_dn.get());
-    return orv::report(read_group(ld, group_dn.get(), F, g_library_membership));
+    return orv::report(read_group(ld, group_dn.get(), F, orv::search_state().library_membership));
 }
 
 LDAPMessage* custom_user_group_membership_standalone_grp_crp_usr_first_entry(
     LDAP* ld, ORVLibEntry** entry) {
     ORV_TRACE();
     if (entry) *entry = nullptr;
-    LDAPMessage* e = g_library_membership.first;
+    LDAPMessage* e = orv::search_state().library_membership.first;
     if (e) orv::fill_entry(ld, entry, e);
     return e;
 }

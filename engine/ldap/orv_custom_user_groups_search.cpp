@@ -18,9 +18,6 @@
 
 namespace {
 
-// Cursor of the local user-groups search.
-LDAPMessage* g_local_cursor = nullptr;
-
 using orv::corporate_search_mode;
 
 // The user DN named by a filter that is a DN or a user id filter, looked up
@@ -129,11 +126,11 @@ LDAPMessage* perform_standalone_user_groups_search(LDAP* ld, const char* filter)
     ORV_TRACE();
     if (!ld) return nullptr;
     if (!perform_grp_srch_standalone_first_time) {
-        g_local_cursor = orv::next_entry(ld, g_local_cursor);
-        return g_local_cursor;
+        orv::search_state().local_user_groups_cursor = orv::next_entry(ld, orv::search_state().local_user_groups_cursor);
+        return orv::search_state().local_user_groups_cursor;
     }
     perform_grp_srch_standalone_first_time = 0;
-    g_local_cursor = nullptr;
+    orv::search_state().local_user_groups_cursor = nullptr;
 
     // The user as the library's own directory knows it, else as the
     // corporate directory does (local groups may list corporate DNs).
@@ -153,9 +150,9 @@ LDAPMessage* perform_standalone_user_groups_search(LDAP* ld, const char* filter)
     ORV_DEBUG("No of entries in searchresult: ",
               rc == LDAP_SUCCESS ? ldap_count_entries(ld, res.get()) : 0);
     ORV_DEBUG("ldapErrcode in standalone group searches", rc);
-    g_local_cursor =
+    orv::search_state().local_user_groups_cursor =
         orv::first_entry(ld, orv::hold(orv::Held::LocalUserGroups, res.release()));
-    return g_local_cursor;
+    return orv::search_state().local_user_groups_cursor;
 }
 
 char* perform_custom_search(LDAP* local_ld, const char* dn, const char* objectclass,

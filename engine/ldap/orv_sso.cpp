@@ -12,6 +12,7 @@
 #include <string>
 
 #include "orv_internal.hpp"
+#include "orv_search_internal.hpp"
 #include "orv_ldap.hpp"
 #include "orvldap.h"
 
@@ -34,22 +35,28 @@ extern "C" {
 
 char** orvlib_get_sso_navigation_token(LDAP* ld, const char* user_dn) {
     ORV_TRACE();
-    if (!ld) {
+    if (!ld || !orv_ld) {
         orv::report(ORV_LDAPLIB_SESSION_INVALID);
         return nullptr;
     }
     ORV_DEBUG("User DN: ", user_dn ? user_dn : "");
     // Only a user the directory knows gets a token.  The people search
     // reports "nothing found" as 32; that, like an empty result, is an
-    // unknown user.  Any other failure is the search's.
-    LDAPMessage* res = nullptr;
-    int rc = orvlib_search_ext_s(ld, user_dn, ORV_SEARCH_PEOPLE, &res);
-    if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT) {
+    // unknown user.  Any other failure is the search's.  The look-up is a
+    // search of its own: a caller iterating a search keeps its place.
+    int rc = LDAP_SUCCESS;
+    bool found = false;
+    {
+        orv::NestedSearch lookup;
+        LDAPMessage* res = nullptr;
+        rc = orvlib_search_ext_s(ld, user_dn, ORV_SEARCH_PEOPLE, &res);
+        found = rc == LDAP_SUCCESS && res && orv_ld && ldap_count_entries(orv_ld, res) > 0;
         orvlib_orvmessage_free(res);
+    }
+    if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT) {
+        orv::report(rc);
         return nullptr;
     }
-    const bool found = rc == LDAP_SUCCESS && res && orv_ld && ldap_count_entries(orv_ld, res) > 0;
-    orvlib_orvmessage_free(res);
     if (!found) {
         orv::report(kUnknownUser);
         return nullptr;
@@ -76,7 +83,7 @@ char** orvlib_get_sso_navigation_token(LDAP* ld, const char* user_dn) {
 unsigned long orvlib_validate_sso_token(LDAP* ld, const ORVSSOToken** structSSOToken,
                                         ORVLibEntry** libentry) {
     ORV_TRACE();
-    if (!ld) return static_cast<unsigned long>(orv::report(ORV_LDAPLIB_SESSION_INVALID));
+    if (!ld || !orv_ld) return static_cast<unsigned long>(orv::report(ORV_LDAPLIB_SESSION_INVALID));
     // The argument is the record itself, passed through the declared type.
     const auto* record = reinterpret_cast<const ORVSSOToken*>(structSSOToken);
     if (!record || !libentry) return static_cast<unsigned long>(orv::report(ORV_LDAPLIB_SSO_AUTHENTICATION_ERROR));
@@ -94,10 +101,13 @@ unsigned long orvlib_validate_sso_token(LDAP* ld, const ORVSSOToken** structSSOT
     }
     ORV_DEBUG("Token user DN: ", dn);
 
-    LDAPMessage* res = nullptr;
-    rc = orvlib_search_ext_s(ld, dn.c_str(), ORV_SEARCH_PEOPLE, &res);
-    if (rc == LDAP_SUCCESS && res) orvlib_first_entry(ld, libentry, res);
-    orvlib_orvmessage_free(res);
+    {
+        orv::NestedSearch lookup;
+        LDAPMessage* res = nullptr;
+        rc = orvlib_search_ext_s(ld, dn.c_str(), ORV_SEARCH_PEOPLE, &res);
+        if (rc == LDAP_SUCCESS && res) orvlib_first_entry(ld, libentry, res);
+        orvlib_orvmessage_free(res);
+    }
     return static_cast<unsigned long>(orv::report(rc));
 }
 

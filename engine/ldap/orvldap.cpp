@@ -90,8 +90,7 @@ LDAP* open_local_connection(const char* host, int port, int ssl, bool checkSslIn
         ORV_DEBUG("LDAP Handle obtained in non-SSL mode", "");
     }
 
-    int version = LDAP_VERSION3;
-    int rc = ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    int rc = orv::prepare_handle(ld);
     if (rc != 0) {
         orv::report(rc);
         orv::unbind(ld);
@@ -146,7 +145,13 @@ LDAP* orvlib_getsession_context(const char* host, int port, ORVLibInfo** info, i
     LDAP* ld = open_local_connection(host, port, ssl, true);
     if (!ld) return nullptr;
 
-    orv::unbind(orv_ld);  // a second session context replaces the first
+    // A second session context replaces the first: its search state and
+    // connections go, the user connection included.
+    orv::release_search_state();
+    orv::unbind(orv_ld);
+    if (corporate_user_ld == corporate_admin_ld) corporate_user_ld = nullptr;
+    orv::unbind(corporate_user_ld);
+    orv::unbind(corporate_admin_ld);
     orv_ld = ld;
     int mode = _setOperationModeFromServer(ld);
     ORV_DEBUG("Operation mode is: ", mode);
@@ -159,7 +164,6 @@ LDAP* orvlib_getsession_context(const char* host, int port, ORVLibInfo** info, i
             return nullptr;
         }
         populate_search_base();
-        orv::unbind(corporate_admin_ld);
         corporate_admin_ld = create_ldap_connection(PARTITION_INFO->hostname, PARTITION_INFO->port_num,
                                                     PARTITION_INFO->admin_dn, PARTITION_INFO->admin_pwd);
         if (!corporate_admin_ld) {
@@ -185,7 +189,9 @@ LDAP* orvlib_getsession_context(const char* host, int port, ORVLibInfo** info, i
             determine_control(corporate_admin_ld);
     }
     operatingMechanism = mechanism;
-    if (operatingMechanism == -1) ldapErrCode = 1;
+    // The session stands: its status is success, not whatever a step
+    // before left behind (no search mechanism is status 1).
+    ldapErrCode = operatingMechanism == -1 ? 1 : 0;
     return ld;
 }
 
@@ -252,6 +258,9 @@ void initialize_cache(void) {
 
 int orvlib_unbind(LDAP* ld) {
     ORV_TRACE();
+    // Nothing the library holds outlives the connections: the search state
+    // (pages, cursors, fallback results) goes first.
+    if (ld) orv::release_search_state();
     if (ORV_OPERATION_MODE == 1) {
         // After a local fallback the user connection is the administrative
         // one; it is closed once.
@@ -260,10 +269,7 @@ int orvlib_unbind(LDAP* ld) {
         if (user_authenticated) orv::unbind(corporate_user_ld);
     }
     if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
-    int rc = LDAP_SUCCESS;
-    if (orv_ld) rc = ldap_unbind_ext_s(orv_ld, nullptr, nullptr);
-    orv_ld = nullptr;
-    return orv::report(rc);
+    return orv::report(orv::unbind(orv_ld));
 }
 
 int orvlib_uninitialize_lib(void) {
@@ -325,8 +331,7 @@ LDAP* create_ldap_connection(const char* host, int port, const char* bindDn, con
             return nullptr;
         }
     }
-    int version = LDAP_VERSION3;
-    ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    orv::prepare_handle(ld);
     int deref = LDAP_DEREF_NEVER;
     if (ldap_set_option(ld, LDAP_OPT_DEREF, &deref) != LDAP_OPT_SUCCESS) {
         ORV_DEBUG("Unable to set option", "");
@@ -354,12 +359,12 @@ LDAP* create_ssl_connection(const char* host, int port) {
 
 int attempt_sasl_bind(LDAP* ld) {
     ORV_TRACE();
-    if (!ld) return LDAP_PARAM_ERROR;
+    if (!ld) return orv::kParamError;
     berval cred{sizeof kSaslCredential - 1, const_cast<char*>(kSaslCredential)};
     berval* serverCred = nullptr;
     int rc = ldap_sasl_bind_s(ld, bindingUser, kSaslMechanism, &cred, nullptr, nullptr, &serverCred);
     if (serverCred) ber_bvfree(serverCred);
-    return rc;
+    return orv::status_from_ldap(rc);
 }
 
 int is_server_supported(LDAP* ld) {
@@ -391,7 +396,7 @@ int populate_libinfo(LDAP* ld, ORVLibInfo** info) {
     LDAPMessage* entry = ldap_first_entry(ld, res.get());
     if (!entry) return ldap_get_lderrno(ld, nullptr, nullptr);
     ORVClient_Info* record = orvlib_orvlibinfo_malloc();
-    if (!record) return LDAP_NO_MEMORY;
+    if (!record) return orv::kNoMemory;
     record->orv_client_library_version = ORVLIB_CLIENT_LIBRARY_VERSION;
     record->orv_server_version = nullptr;
     record->orv_server_lib_compatibility_version = nullptr;
@@ -468,18 +473,23 @@ int orvlib_get_connection_status(LDAP* ld) {
         const char* dn = PARTITION_INFO->admin_dn;
         const char* pw = PARTITION_INFO->admin_pwd;
         int first = 0, second = 0;
+        // A corporate connection that is already gone counts as a server
+        // that went down, so that it is opened again.
+        auto probe = [&](LDAP* corp) {
+            return corp ? orv::simple_bind(corp, dn, pw) : orv::kServerDown;
+        };
         if (corporate_user_ld) {
             ORV_DEBUG("Testing corporate connection status with corporate_user_ld", "");
-            first = orv::simple_bind(corporate_user_ld, dn, pw);
+            first = probe(corporate_user_ld);
             ORV_DEBUG("Testing corporate connection status with corporate_admin_ld", "");
-            second = orv::simple_bind(corporate_admin_ld, dn, pw);
+            second = probe(corporate_admin_ld);
         } else {
             ORV_DEBUG("corporate_user_ld is NULL", "");
             ORV_DEBUG("Testing corporate connection status with corporate_admin_ld", "");
-            first = second = orv::simple_bind(corporate_admin_ld, dn, pw);
+            first = second = probe(corporate_admin_ld);
         }
         ldapErrCode = first;
-        if (first == LDAP_SERVER_DOWN || second == LDAP_SERVER_DOWN) {
+        if (first == orv::kServerDown || second == orv::kServerDown) {
             ORV_DEBUG("Connection timed out. Server down", "");
             if (!reconnect_to_corporate_server()) {
                 ORV_DEBUG("temp_corp_ld is null", "");
@@ -502,11 +512,15 @@ int orvlib_get_connection_status(LDAP* ld) {
     ORV_DEBUG("PEX Connection timed out. Server down !", "");
     ORV_DEBUG("Trying to establish PEX connection again", "");
     orv_ld = recreate_local_connection();
-    return orv_ld ? ORV_LDAPLIB_CONNECTION_ACTIVE : ORV_LDAPLIB_CONNECTION_INACTIVE;
+    if (!orv_ld) return ORV_LDAPLIB_CONNECTION_INACTIVE;
+    orv::report(LDAP_SUCCESS);
+    return ORV_LDAPLIB_CONNECTION_ACTIVE;
 }
 
 LDAP* recreate_local_connection(void) {
     ORV_TRACE();
+    // Results read on the old connection end with it.
+    orv::release_search_state();
     orv::unbind(orv_ld);
     if (!orv_Srv) return nullptr;
     LDAP* ld = open_local_connection(orv_Srv, orv_Port, _orvSSLEnabled, false);
@@ -555,8 +569,7 @@ int orvlib_validate_server_details(const char* server, int port, int ssl) {
         ORV_DEBUG("SSL Disabled", "");
         ld = orv::open_plain(server, port);
     }
-    int version = LDAP_VERSION3;
-    if (ld) ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
+    if (ld) orv::prepare_handle(ld);
     int rc = is_server_supported(ld);
     if (rc != 0) {
         orv::unbind(ld);

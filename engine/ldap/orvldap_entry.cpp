@@ -552,7 +552,7 @@ int create_extended_user_object(LDAP* ld, const char* uid, const char* sn, const
     if (state != nullptr) add("orvUserState", state_vals);
     list[n] = nullptr;
 
-    const int rc = ldap_add_ext_s(ld, dn.get(), list, nullptr, nullptr);
+    const int rc = orv::add(ld, dn.get(), list);
     return orv::report(rc);
 }
 

@@ -141,7 +141,7 @@ int change_attribute_value_object(LDAP* ld, const char* user_dn, unsigned long a
     mod.mod_type = name.get();
     mod.mod_values = attrVals;
     LDAPMod* mods[] = {&mod, nullptr};
-    const int rc = ldap_modify_ext_s(ld, user_dn, mods, nullptr, nullptr);
+    const int rc = orv::modify(ld, user_dn, mods);
     return orv::report(rc);
 }
 
@@ -164,7 +164,7 @@ int create_standalone_user(LDAP* ld, const char* uid_val, const char* sn) {
     add.add("sn", sn_vals);
     add.add("objectClass", class_vals);
     add.add("uid", uid_vals);
-    const int rc = ldap_add_ext_s(ld, dn.get(), add.list, nullptr, nullptr);
+    const int rc = orv::add(ld, dn.get(), add.list);
     return orv::report(rc);
 }
 
@@ -192,7 +192,7 @@ int create_standalone_group(LDAP* ld, const char* cn, const char* corporate_dn, 
     add.add("orvZORLAGroupId", id_vals);
     add.add("orvCorporateDN", corp_vals);
     ORV_DEBUG("Standalone Group DN: ", dn.get());
-    const int rc = ldap_add_ext_s(ld, dn.get(), add.list, nullptr, nullptr);
+    const int rc = orv::add(ld, dn.get(), add.list);
     return orv::report(rc);
 }
 

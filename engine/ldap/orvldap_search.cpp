@@ -12,6 +12,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orv_internal.hpp"
@@ -47,6 +48,9 @@ int current_zorla_group_dn_index = -1;
 namespace {
 
 bool corporate_mode() { return ORV_OPERATION_MODE == 1; }
+
+LDAPMessage* first_entry_of_search(LDAP* own, ORVLibEntry** entry, LDAPMessage* result);
+LDAPMessage* next_entry_of_search(LDAP* own, ORVLibEntry** entry, LDAPMessage* cursor);
 
 // Fills a new entry from a server entry and, for corporate results, extends
 // it with the local counterpart.
@@ -121,6 +125,12 @@ char** copy_values(ORVLibAttribute* item, int id) {
 
 namespace orv {
 
+namespace {
+SearchState g_current;
+}
+
+SearchState& search_state() { return g_current; }
+
 void release_search_state() {
     free_dn_lists();
     free_custom_user_group_membership_res();
@@ -130,6 +140,98 @@ void release_search_state() {
     orv::free_list(_UUID);
     orvlib_memfree(user_input_filter);
     user_input_filter = nullptr;
+    g_current = SearchState();
+}
+
+// The exported globals that describe a search, taken out of the globals
+// while another search is current.
+struct SearchGlobals {
+    char* filter = nullptr;
+    int type = 0, type2 = 0, op_mode_search = 0, star = 0, attribute_search = 0;
+    int standalone_group = 0, win_user = 0, first_time = 1, first_iteration = 1, tier2 = 0;
+    int more_pages = 0, first_entry_flag = 0, tier2_groups = 0;
+    char** user_dns = nullptr;
+    char** group_dns = nullptr;
+    char** member_dns = nullptr;
+    char** uuid = nullptr;
+    int user_index = -1, group_index = -1, member_index = -1;
+    char* nested[ORV_NESTED_GROUP_LIST_SIZE] = {nullptr};
+    int nested_index = -1, nested_retrieved = 0;
+
+    // Moves the globals in here and leaves them as a fresh search finds
+    // them (no filter, no lists).
+    void take() {
+        filter = std::exchange(user_input_filter, nullptr);
+        type = current_search_type;
+        type2 = _current_search_type;
+        op_mode_search = ORV_OP_MODE_SEARCH;
+        star = std::exchange(ZORLA_STAR_SEARCH, 0);
+        attribute_search = std::exchange(zorla_attribute_search, 0);
+        standalone_group = std::exchange(group_is_standalone, 0);
+        win_user = std::exchange(ORV_WIN_USER_SEARCH, 0);
+        first_time = perform_grp_srch_standalone_first_time;
+        first_iteration = _firstIteration;
+        tier2 = tier2_search;
+        more_pages = std::exchange(has_more_pages, 0);
+        first_entry_flag = std::exchange(_isFirstEntry, 0);
+        tier2_groups = TIER2_GROUP_SEARCH;
+        user_dns = std::exchange(GLOBAL_ZORLA_USERDN_LIST, nullptr);
+        group_dns = std::exchange(GLOBAL_ZORLA_GROUPDN_LIST, nullptr);
+        member_dns = std::exchange(GLOBAL_ZORLA_GROUPMEMBERS_LIST, nullptr);
+        uuid = std::exchange(_UUID, nullptr);
+        user_index = std::exchange(current_zorla_user_dn_index, -1);
+        group_index = std::exchange(current_zorla_group_dn_index, -1);
+        member_index = std::exchange(current_zorla_group_members_dn_index, -1);
+        for (int i = 0; i < ORV_NESTED_GROUP_LIST_SIZE; ++i)
+            nested[i] = std::exchange(NESTED_GROUP_LIST[i], nullptr);
+        nested_index = std::exchange(nested_group_index, -1);
+        nested_retrieved = std::exchange(nested_groups_retrieved, 0);
+    }
+
+    // Puts them back; the globals hold nothing of their own at this point.
+    void put_back() {
+        user_input_filter = filter;
+        current_search_type = type;
+        _current_search_type = type2;
+        ORV_OP_MODE_SEARCH = op_mode_search;
+        ZORLA_STAR_SEARCH = star;
+        zorla_attribute_search = attribute_search;
+        group_is_standalone = standalone_group;
+        ORV_WIN_USER_SEARCH = win_user;
+        perform_grp_srch_standalone_first_time = first_time;
+        _firstIteration = first_iteration;
+        tier2_search = tier2;
+        has_more_pages = more_pages;
+        _isFirstEntry = first_entry_flag;
+        TIER2_GROUP_SEARCH = tier2_groups;
+        GLOBAL_ZORLA_USERDN_LIST = user_dns;
+        GLOBAL_ZORLA_GROUPDN_LIST = group_dns;
+        GLOBAL_ZORLA_GROUPMEMBERS_LIST = member_dns;
+        _UUID = uuid;
+        current_zorla_user_dn_index = user_index;
+        current_zorla_group_dn_index = group_index;
+        current_zorla_group_members_dn_index = member_index;
+        for (int i = 0; i < ORV_NESTED_GROUP_LIST_SIZE; ++i) NESTED_GROUP_LIST[i] = nested[i];
+        nested_group_index = nested_index;
+        nested_groups_retrieved = nested_retrieved;
+    }
+};
+
+struct NestedSearch::Saved {
+    SearchGlobals globals;
+    SearchState state;
+};
+
+NestedSearch::NestedSearch() : saved_(new Saved) {
+    saved_->globals.take();
+    saved_->state = std::move(g_current);
+    g_current = SearchState();
+}
+
+NestedSearch::~NestedSearch() {
+    release_search_state();
+    g_current = std::move(saved_->state);
+    saved_->globals.put_back();
 }
 
 }  // namespace orv
@@ -142,9 +244,8 @@ int orvlib_search_ext_s(LDAP* ld, const char* filter, int searchType, LDAPMessag
     group_is_standalone = 0;
     ZORLA_STAR_SEARCH = 0;
     ORV_WIN_USER_SEARCH = 0;
-    if (result) *result = nullptr;
-    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
-    if (!filter) return orv::report(LDAP_FILTER_ERROR);
+    if (!ld || !orv_ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    if (!filter) return orv::report(orv::kFilterError);
 
     ORV_DEBUG("Search Filter: ", filter);
     orv::OrvString escaped(dn_contains_backslash(filter, 1));
@@ -160,12 +261,9 @@ int orvlib_search_ext_s(LDAP* ld, const char* filter, int searchType, LDAPMessag
         return orv::report(LDAP_SUCCESS);
     }
 
-    free_dn_lists();
-    free_custom_user_group_membership_res();
-    orv::reset_pager();
-    orv::release_all();
-    orv::reset_local_searches();
-    orvlib_memfree(user_input_filter);
+    // The previous search ends here, with everything it kept.
+    if (result) *result = nullptr;
+    orv::release_search_state();
     user_input_filter = _orvlib_dupString(escaped.get());
 
     if (corporate_mode()) {
@@ -219,17 +317,47 @@ int orvlib_search_ext_s(LDAP* ld, const char* filter, int searchType, LDAPMessag
         }
     }
     if (dummy) ldap_msgfree(dummy);
+    if (rc != LDAP_SUCCESS && result && *result) {
+        // An error result is the library's to free, never the caller's.
+        ldap_msgfree(*result);
+        *result = nullptr;
+    }
     return orv::report(rc);
 }
 
 LDAPMessage* orvlib_first_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* result) {
     ORV_TRACE();
     if (entry) *entry = nullptr;
-    if (!ld) {
+    if (!ld || !orv_ld) {
         orv::report(ORV_LDAPLIB_SESSION_INVALID);
         return nullptr;
     }
-    LDAP* own = orv::own_connection(ld);
+    orv::search_state().ended = false;
+    LDAPMessage* e = first_entry_of_search(orv_ld, entry, result);
+    if (!e) orv::search_state().ended = true;
+    return e;
+}
+
+LDAPMessage* orvlib_next_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* cursor) {
+    ORV_TRACE();
+    if (entry) *entry = nullptr;
+    if (!ld || !orv_ld) {
+        orv::report(ORV_LDAPLIB_SESSION_INVALID);
+        return nullptr;
+    }
+    // After its end an iteration stays at its end: nothing is searched
+    // again and no cursor of it is read.
+    if (orv::search_state().ended) return nullptr;
+    LDAPMessage* e = next_entry_of_search(orv_ld, entry, cursor);
+    if (!e) orv::search_state().ended = true;
+    return e;
+}
+
+}  // extern "C"
+
+namespace {
+
+LDAPMessage* first_entry_of_search(LDAP* own, ORVLibEntry** entry, LDAPMessage* result) {
     const bool corporate = corporate_mode();
 
     switch (current_search_type) {
@@ -355,14 +483,7 @@ LDAPMessage* orvlib_first_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* resu
     }
 }
 
-LDAPMessage* orvlib_next_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* cursor) {
-    ORV_TRACE();
-    if (entry) *entry = nullptr;
-    if (!ld) {
-        orv::report(ORV_LDAPLIB_SESSION_INVALID);
-        return nullptr;
-    }
-    LDAP* own = orv::own_connection(ld);
+LDAPMessage* next_entry_of_search(LDAP* own, ORVLibEntry** entry, LDAPMessage* cursor) {
     const bool corporate = corporate_mode();
 
     if (ORV_WIN_USER_SEARCH == 1) {
@@ -435,6 +556,10 @@ LDAPMessage* orvlib_next_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage* curso
             return nullptr;
     }
 }
+
+}  // namespace
+
+extern "C" {
 
 char** orvlib_get_entry_vals(ORVLibEntry* entry, int attrId) {
     ORV_TRACE();

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "orv_internal.hpp"
+#include "orv_ldap.hpp"
 
 extern "C" {
 
@@ -171,7 +172,7 @@ const char* text_of(int code) {
         case ORV_LDAPLIB_PASSWORD_MIN_SYM_CHARS: return ORV_LDAPLIB_PASSWORD_ERR_MIN_SYM_CHARS_STR;
         case ORV_LDAPLIB_PASSWORD_POLICY_NA: return ORV_LDAPLIB_PASSWORD_POLICY_NOT_AVAILABLE_STR;
         case ORV_LDAPLIB_RADIUS_ERROR: return radius_err_str;
-        default: return ldap_err2string(code);
+        default: return orv::ldap_text(code);
     }
 }
 

@@ -170,7 +170,7 @@ int ldap_ssl_client_init(const char* keyDatabase, const char* password, int sslT
         ok = ok && ldap_set_option(nullptr, LDAP_OPT_X_TLS_NEWCTX, &zero) == LDAP_OPT_SUCCESS;
         if (!ok) why = ORV_SSL_REASON_TLS_SETUP;
     }
-    if (why != ORV_SSL_REASON_NONE) rc = LDAP_LOCAL_ERROR;
+    if (why != ORV_SSL_REASON_NONE) rc = orv::kLocalError;
     ORV_DEBUG("Key database", keyDatabase ? keyDatabase : "");
     ORV_DEBUG("SSL init reason", why);
     if (reason) *reason = why;
@@ -190,8 +190,10 @@ LDAP* ldap_ssl_init(const char* host, int port, const char* certificateLabel) {
     }
     LDAP* ld = nullptr;
     if (ldap_initialize(&ld, urls.c_str()) != LDAP_SUCCESS) return nullptr;
-    timeval tv{10, 0};
-    ldap_set_option(ld, LDAP_OPT_NETWORK_TIMEOUT, &tv);
+    if (orv::prepare_handle(ld) != LDAP_SUCCESS) {
+        ldap_unbind_ext_s(ld, nullptr, nullptr);
+        return nullptr;
+    }
     return ld;
 }
 
@@ -218,16 +220,16 @@ int ldap_parse_pwdpolicy_response(LDAP* ld, LDAPControl** controls, int* policy_
     int error = ORV_PWDPOLICY_NO_ERROR;
     int kind = ORV_PWDPOLICY_WARNING_NONE;
     int value = 0;
-    int rc = LDAP_CONTROL_NOT_FOUND;
+    int rc = orv::kControlNotFound;
     LDAPControl* control =
         controls ? ldap_control_find(LDAP_CONTROL_PASSWORDPOLICYRESPONSE, controls, nullptr) : nullptr;
     if (!ld) {
-        rc = LDAP_PARAM_ERROR;
+        rc = orv::kParamError;
     } else if (control) {
         ber_int_t expire = -1;
         ber_int_t grace = -1;
         LDAPPasswordPolicyError ppError = PP_noError;
-        rc = ldap_parse_passwordpolicy_control(ld, control, &expire, &grace, &ppError);
+        rc = orv::status_from_ldap(ldap_parse_passwordpolicy_control(ld, control, &expire, &grace, &ppError));
         if (rc == LDAP_SUCCESS) {
             if (ppError != PP_noError && ppError >= PP_passwordExpired && ppError <= PP_passwordTooLong)
                 error = ORV_PWDPOLICY_PASSWORD_EXPIRED + static_cast<int>(ppError);
@@ -239,7 +241,7 @@ int ldap_parse_pwdpolicy_response(LDAP* ld, LDAPControl** controls, int* policy_
                 value = grace;
             }
         } else {
-            rc = LDAP_DECODING_ERROR;
+            rc = orv::kDecodingError;
         }
     }
     ORV_DEBUG("Password policy error", error);

@@ -26,7 +26,7 @@ const char kPersonFilterStrict[] =
     "(&(objectclass=person)(!(objectclass=computer))(!(objectclass=contact)))";
 const char kMemberRange[] = "member;range=";
 
-bool is_connection_drop(int rc) { return rc == LDAP_SERVER_DOWN || rc == LDAP_CONNECT_ERROR; }
+using orv::is_connection_drop;
 
 std::string ber_text(const berval* v) {
     if (!v || !v->bv_val) return {};
@@ -41,32 +41,13 @@ std::string ber_bytes(const berval* v) {
 
 // ------------------------------------------------------------------ pager
 
-enum class PageKind { None, Paging, Vlv };
+using orv::PageKind;
+using orv::Pager;
 
-struct Pager {
-    LDAP* ld = nullptr;
-    std::string base;
-    std::string filter;
-    int scope = LDAP_SCOPE_SUBTREE;
-    std::vector<std::string> attrs;
-    bool all_attrs = true;
-    PageKind kind = PageKind::None;
-    std::string cookie;      // paged results
-    int next_offset = 0;     // virtual list view, 1-based
-    int content_count = 0;
-    std::string context;
-    bool more = false;
-    LDAP** owner = nullptr;  // the library global that held ld at search time
-    orv::LdapMsg held;       // the page after the caller's first page
-
-    void reset() {
-        held.reset();
-        *this = Pager();
-        has_more_pages = 0;
-    }
-};
-
-Pager g_pager;
+void reset(Pager& p) {
+    p = Pager();
+    has_more_pages = 0;
+}
 
 // Sends one page request; parses the page or window response control and
 // records whether more follow.
@@ -112,11 +93,17 @@ int request_page(Pager& p, LDAPMessage** out) {
     }
 
     LDAPMessage* res = nullptr;
-    int rc = ldap_search_ext_s(p.ld, p.base.c_str(), p.scope, p.filter.c_str(), attr_list, 0,
-                               controls[0] ? controls : nullptr, nullptr, nullptr, LDAP_NO_LIMIT,
-                               &res);
+    int rc = orv::status_from_ldap(ldap_search_ext_s(p.ld, p.base.c_str(), p.scope,
+                                                    p.filter.c_str(), attr_list, 0,
+                                                    controls[0] ? controls : nullptr, nullptr,
+                                                    nullptr, LDAP_NO_LIMIT, &res));
     for (LDAPControl* c : controls)
         if (c) ldap_control_free(c);
+    if (res && rc != LDAP_SUCCESS && rc != LDAP_SIZELIMIT_EXCEEDED) {
+        // An error result is the library's to free, never the caller's.
+        ldap_msgfree(res);
+        res = nullptr;
+    }
 
     p.more = false;
     if (res && (rc == LDAP_SUCCESS || rc == LDAP_SIZELIMIT_EXCEEDED)) {
@@ -172,7 +159,7 @@ LDAPMessage* next_entry(LDAP* ld, LDAPMessage* entry) {
     return ld && entry ? ldap_next_entry(ld, entry) : nullptr;
 }
 
-LDAP* own_connection(LDAP* handle) { return orv_ld ? orv_ld : handle; }
+LDAP* own_connection(LDAP* /*handle*/) { return orv_ld; }
 
 LDAP* corporate_connection() {
     if (corporate_user_ld) return corporate_user_ld;
@@ -232,10 +219,10 @@ void free_list(char**& list) {
 
 int paged_search(LDAP* ld, const char* base, int scope, const char* filter, char** attrs,
                  LDAPMessage** res) {
-    g_pager.reset();
+    Pager& p = search_state().pager;
+    reset(p);
     if (res) *res = nullptr;
-    if (!ld) return LDAP_PARAM_ERROR;
-    Pager& p = g_pager;
+    if (!ld) return orv::kParamError;
     p.ld = ld;
     p.owner = ld == orv_ld               ? &orv_ld
               : ld == corporate_user_ld  ? &corporate_user_ld
@@ -273,7 +260,7 @@ int paged_search(LDAP* ld, const char* base, int scope, const char* filter, char
 }
 
 LDAPMessage* next_page() {
-    Pager& p = g_pager;
+    Pager& p = search_state().pager;
     // A library connection replaced since the search (reconnect) ends the
     // results: its handle is gone.
     if (p.ld && p.owner && *p.owner != p.ld) {
@@ -298,21 +285,17 @@ LDAPMessage* next_page() {
     return nullptr;
 }
 
-void reset_pager() { g_pager.reset(); }
-
-namespace {
-LdapMsg g_held[static_cast<int>(Held::Count)];
-}
+void reset_pager() { reset(search_state().pager); }
 
 LDAPMessage* hold(Held slot, LDAPMessage* msg) {
-    g_held[static_cast<int>(slot)].reset(msg);
+    search_state().held[static_cast<int>(slot)].reset(msg);
     return msg;
 }
 
-void release(Held slot) { g_held[static_cast<int>(slot)].reset(); }
+void release(Held slot) { search_state().held[static_cast<int>(slot)].reset(); }
 
 void release_all() {
-    for (LdapMsg& m : g_held) m.reset();
+    for (LdapMsg& m : search_state().held) m.reset();
 }
 
 }  // namespace orv
@@ -361,7 +344,7 @@ LDAPMessage* dn_list_step(LDAP* ld, int searchType, ORVLibEntry** entry) {
         }
         const long started = static_cast<long>(clock());
         orv::LdapMsg res;
-        int rc = LDAP_SERVER_DOWN;
+        int rc = orv::kServerDown;
         for (int attempt = 0; attempt <= connection_retries; ++attempt) {
             rc = orv::search(ld, dn, LDAP_SCOPE_BASE, filter.c_str(), attrs, 0, res);
             if (!is_connection_drop(rc) || attempt == connection_retries) break;
@@ -395,7 +378,7 @@ int read_values(LDAP*& ld, const char* dn, const char* objectClass, const char* 
     const std::string filter = std::string("objectclass=") + (objectClass ? objectClass : "*");
     const char* attrs[] = {attr, nullptr};
     orv::LdapMsg res;
-    int rc = LDAP_SERVER_DOWN;
+    int rc = orv::kServerDown;
     for (int attempt = 0; attempt <= connection_retries; ++attempt) {
         rc = orv::search(ld, dn, LDAP_SCOPE_BASE, filter.c_str(), attrs, 0, res);
         if (!is_connection_drop(rc) || attempt == connection_retries) break;

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "orv_ldap.hpp"
 #include "orvldap.h"
 #include "scratch_log.hpp"
 
@@ -189,6 +190,55 @@ TEST(OrvLdapErr, LogLineCarriesIdentifierTextAndDerivedSeverity) {
     EXPECT_NE(log.find(" ID: ZVKTR0010W | " + text10 + " : "), std::string::npos);
     // 3019 and -1 have no identifier, hence severity 4, below this log level.
     EXPECT_EQ(log.find(" ID:  |"), std::string::npos) << log;
+}
+
+// libldap's client-side codes reach callers as the standard API numbers
+// them, with the standard texts, their message identifiers and an error
+// severity in the log.
+TEST(OrvLdapErr, ClientSideCodesMapToTheStandardNumbers) {
+    struct Row {
+        int openldap;
+        int status;
+    };
+    const Row rows[] = {
+        {LDAP_SERVER_DOWN, 81},      {LDAP_LOCAL_ERROR, 82},       {LDAP_ENCODING_ERROR, 83},
+        {LDAP_DECODING_ERROR, 84},   {LDAP_TIMEOUT, 85},           {LDAP_AUTH_UNKNOWN, 86},
+        {LDAP_FILTER_ERROR, 87},     {LDAP_USER_CANCELLED, 88},    {LDAP_PARAM_ERROR, 89},
+        {LDAP_NO_MEMORY, 90},        {LDAP_CONNECT_ERROR, 91},     {LDAP_NOT_SUPPORTED, 92},
+        {LDAP_CONTROL_NOT_FOUND, 93}, {LDAP_NO_RESULTS_RETURNED, 94},
+        {LDAP_MORE_RESULTS_TO_RETURN, 95}, {LDAP_CLIENT_LOOP, 96},
+        {LDAP_REFERRAL_LIMIT_EXCEEDED, 97},
+    };
+    ASSERT_EQ(sizeof rows / sizeof rows[0], 17u);
+    const int start = _memCnt;
+    for (const Row& row : rows) {
+        EXPECT_EQ(orv::status_from_ldap(row.openldap), row.status) << row.openldap;
+        int returned = 0;
+        const std::string text = text_for(row.status, &returned);
+        EXPECT_EQ(returned, row.status);
+        EXPECT_EQ(text, ldap_err2string(row.openldap)) << row.status;
+        const std::string id = identifier(row.status);
+        char expected[16];
+        std::snprintf(expected, sizeof expected, "ZVKTR%04dE", row.status);
+        EXPECT_EQ(id, expected);
+        int level = 0;
+        ldap_getmessage_loglevel(&level, id.c_str());
+        EXPECT_EQ(level, 1) << row.status;
+    }
+    EXPECT_EQ(text_for(81), "Can't contact LDAP server");
+    EXPECT_EQ(text_for(87), "Bad search filter");
+    // Protocol results pass unchanged; negative codes libldap may add later
+    // are "other".
+    for (int code : {0, 4, 32, 49, 53, 80, 116}) EXPECT_EQ(orv::status_from_ldap(code), code);
+    EXPECT_EQ(orv::status_from_ldap(-18), LDAP_OTHER);
+    EXPECT_EQ(orv::status_from_ldap(INT_MIN), LDAP_OTHER);
+    EXPECT_EQ(_memCnt, start);
+
+    // The log line of a mapped code carries its identifier at error level.
+    ldapErrCode = 91;
+    orvlib_get_last_error(nullptr, nullptr);
+    EXPECT_NE(log_text().find(" ID: ZVKTR0091E | " + std::string(ldap_err2string(LDAP_CONNECT_ERROR))),
+              std::string::npos);
 }
 
 }  // namespace

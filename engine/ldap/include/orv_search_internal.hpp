@@ -6,6 +6,7 @@
 #ifndef ORV_SEARCH_INTERNAL_HPP
 #define ORV_SEARCH_INTERNAL_HPP
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,9 @@ namespace orv {
 LDAPMessage* first_entry(LDAP* ld, LDAPMessage* res);
 LDAPMessage* next_entry(LDAP* ld, LDAPMessage* entry);
 
-// The library's own (tier-2) connection: orv_ld, or the caller's handle when
-// no session context has been made.
+// The library's own (tier-2) connection: orv_ld.  NULL once it is gone
+// (unbind, uninitialise, a re-open that failed): the caller's handle is
+// never used in its place, it may be the one that was freed.
 LDAP* own_connection(LDAP* handle);
 
 // A live handle for reading a message that came from the corporate server.
@@ -57,14 +59,66 @@ void free_list(char**& list);
 int paged_search(LDAP* ld, const char* base, int scope, const char* filter, char** attrs,
                  LDAPMessage** res);
 // First entry of the next page of the last paged search, or NULL when there
-// is none.  The page is kept by the library until the page after it, the
-// next paged search or reset_pager.
+// is none.  The page is kept by the search until the page after it, the
+// next search or its release.
 LDAPMessage* next_page();
 void reset_pager();
 
-// Keeps a message whose entries the caller walks; replaces (frees) the
-// message held in the same slot before.
+enum class PageKind { None, Paging, Vlv };
+
+// Where a paged search stands between two pages.
+struct Pager {
+    LDAP* ld = nullptr;
+    std::string base;
+    std::string filter;
+    int scope = LDAP_SCOPE_SUBTREE;
+    std::vector<std::string> attrs;
+    bool all_attrs = true;
+    PageKind kind = PageKind::None;
+    std::string cookie;      // paged results
+    int next_offset = 0;     // virtual list view, 1-based
+    int content_count = 0;
+    std::string context;
+    bool more = false;
+    LDAP** owner = nullptr;  // the library global that held ld at search time
+    LdapMsg held;            // the page after the caller's first page
+};
+
+// Messages whose entries the caller walks, one slot each.
 enum class Held { Fallback, DnList, Members, LocalGroups, LocalUserGroups, Count };
+
+// Result of a membership search, kept for its first entry.
+struct Membership {
+    LdapMsg result;
+    LDAPMessage* first = nullptr;
+    void clear() {
+        first = nullptr;
+        result.reset();
+    }
+};
+
+// Everything one search keeps while its caller iterates: pages, held
+// messages, cursors of the local searches, the member count of the
+// group-members list, membership results.  The exported globals of the
+// search (filter, type, flags, DN lists and their indexes) describe the
+// current search; release_search_state frees what they point to together
+// with this object.  One object is current; NestedSearch puts it aside.
+struct SearchState {
+    Pager pager;
+    LdapMsg held[static_cast<int>(Held::Count)];
+    LDAPMessage* local_group_cursor = nullptr;
+    LDAPMessage* local_user_groups_cursor = nullptr;
+    int member_count = 0;  // slots of GLOBAL_ZORLA_GROUPMEMBERS_LIST
+    Membership membership;           // ordinary membership search
+    Membership library_membership;   // library group, corporate user
+    bool ended = false;              // the iteration has returned its end
+};
+
+// The current search.
+SearchState& search_state();
+
+// Keeps a message in a slot of the current search; replaces (frees) the
+// message held in the same slot before.
 LDAPMessage* hold(Held slot, LDAPMessage* msg);
 void release(Held slot);
 void release_all();
@@ -74,9 +128,28 @@ void release_all();
 void reset_group_members();
 void reset_local_searches();
 
-// Frees everything the last search keeps (DN lists, held messages, pages,
-// the filter); the library's uninitialisation calls it.
+// Frees everything the current search keeps (DN lists, held messages,
+// pages, the filter) and resets the exported globals that describe it.
+// The next public search, unbind, a re-opened connection and the library's
+// uninitialisation call it.
 void release_search_state();
+
+// A search made inside another public call (token requests, database
+// users, registry look-ups, the Windows user look-up) runs under this
+// guard: the caller's search, with its pages, cursors and globals, is put
+// aside for the guard's lifetime and comes back unchanged; whatever the
+// inner search kept is released when the guard ends.
+class NestedSearch {
+public:
+    NestedSearch();
+    ~NestedSearch();
+    NestedSearch(const NestedSearch&) = delete;
+    NestedSearch& operator=(const NestedSearch&) = delete;
+
+private:
+    struct Saved;
+    std::unique_ptr<Saved> saved_;
+};
 
 }  // namespace orv
 
