@@ -61,7 +61,10 @@ int converse(int count, const struct pam_message** messages, struct pam_response
 }  // namespace
 
 int pam_check_password(const std::string& service, const std::string& user,
-                       const std::string& password, std::string* why) {
+                       const std::string& password, std::string* why, PamStage* stage) {
+    PamStage unused;
+    if (stage == nullptr) stage = &unused;
+    *stage = PamStage::start;
     Credentials cred{&user, &password};
     const pam_conv conversation{converse, &cred};
     pam_handle_t* handle = nullptr;
@@ -71,7 +74,13 @@ int pam_check_password(const std::string& service, const std::string& user,
         if (handle) pam_end(handle, status);
         return status;
     }
+    *stage = PamStage::authenticate;
     status = pam_authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+    if (status == PAM_SUCCESS) {
+        // A right password does not make an expired or locked account usable.
+        *stage = PamStage::account;
+        status = pam_acct_mgmt(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+    }
     if (status != PAM_SUCCESS) *why = pam_strerror(handle, status);
     pam_end(handle, status);
     return status;

@@ -203,13 +203,14 @@ int radius_verify_reply(const std::uint8_t* reply, std::size_t len, std::uint8_t
         }
         pos += alen;
     }
-    if (ma_offset != 0) {
-        // check already holds the request authenticator in place of the response one.
-        std::memset(check.data() + ma_offset, 0, 16);
-        std::uint8_t mac[16];
-        if (!hmac_md5(secret, check, mac) || CRYPTO_memcmp(mac, reply + ma_offset, 16) != 0) {
-            return -1;
-        }
+    // Every reply must carry a Message-Authenticator: the Response
+    // Authenticator alone (MD5) can be forged by a man in the middle.
+    if (ma_offset == 0) return -1;
+    // check already holds the request authenticator in place of the response one.
+    std::memset(check.data() + ma_offset, 0, 16);
+    std::uint8_t mac[16];
+    if (!hmac_md5(secret, check, mac) || CRYPTO_memcmp(mac, reply + ma_offset, 16) != 0) {
+        return -1;
     }
     return code;
 }
@@ -291,11 +292,11 @@ RadiusOutcome radius_authenticate(const RadiusRequest& req, int timeout_ms, int 
                 return radius_reject;
             }
             if (code == kAccessChallenge) {
-                *why = "Access-Challenge (not supported)";
-                return radius_reject;
+                *why = "Access-Challenge: the server asks for a further factor";
+                return radius_challenge;
             }
             // A reply that does not verify is dropped; keep waiting for a real one.
-            *why = "reply failed verification";
+            *why = "reply failed verification (signature or Message-Authenticator)";
         }
     }
     return radius_no_answer;

@@ -1,8 +1,8 @@
 // PAP check against a RADIUS server (RFC 2865), as the directory server runs
 // it on behalf of a client: one Access-Request with User-Name, hidden
 // User-Password, NAS-Identifier and Message-Authenticator; the reply is only
-// believed when its Response Authenticator (and Message-Authenticator, if it
-// has one) verifies under the shared secret.
+// believed when it carries a Message-Authenticator and both it and the
+// Response Authenticator verify under the shared secret.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,10 @@ namespace orvsrv {
 
 // Result codes of the RADIUS extended operation.
 enum RadiusOutcome {
-    radius_accept = 0,     // Access-Accept
-    radius_no_answer = 1,  // nothing came back, or nothing that verified
-    radius_reject = 2,     // Access-Reject (an Access-Challenge counts as one)
+    radius_accept = 0,        // Access-Accept
+    radius_no_answer = 1,     // nothing came back, or nothing that verified
+    radius_reject = 2,        // Access-Reject
+    radius_challenge = 3043,  // Access-Challenge: a further factor is required
 };
 
 struct RadiusRequest {
@@ -45,7 +46,8 @@ std::vector<std::uint8_t> radius_build_access_request(const RadiusRequest& req,
 
 // Reads a reply to the request with the given identifier and authenticator.
 // Returns the reply's code (2 accept, 3 reject, 11 challenge) when the
-// packet is well formed and verifies, else -1.
+// packet is well formed, carries exactly one Message-Authenticator and
+// verifies, else -1.
 int radius_verify_reply(const std::uint8_t* reply, std::size_t len, std::uint8_t id,
                         const std::uint8_t (&req_authenticator)[kRadiusAuthLen],
                         const std::string& secret);

@@ -3,9 +3,14 @@
 
 #include <cstring>
 
+#include <arpa/inet.h>
+
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include "orv_credential.hpp"
+#include "orv_failures.hpp"
+#include "orv_network.hpp"
 #include "orv_radius.hpp"
 #include "orv_token.hpp"
 
@@ -162,17 +167,31 @@ TEST(RadiusPacket, MatchesTheRfcExample) {
     EXPECT_EQ(radius_hide_password("arctangent", "xyzzy5461", auth),
               from_hex("0dbe708d93d413ce3196e43f782a0aee"));
 
+    // The example's Access-Accept is correctly signed but carries no
+    // Message-Authenticator, which this server requires of every reply.
     const Bytes accept = from_hex(
         "02000026 86fe220e7624ba2a1005f6bf9b55e0b2 0606000000010f06000000000e06c0a80103");
-    EXPECT_EQ(radius_verify_reply(accept.data(), accept.size(), 0, auth, "xyzzy5461"), 2);
-    EXPECT_EQ(radius_verify_reply(accept.data(), accept.size(), 0, auth, "xyzzy546"), -1);
-    EXPECT_EQ(radius_verify_reply(accept.data(), accept.size(), 1, auth, "xyzzy5461"), -1);
+    EXPECT_EQ(radius_verify_reply(accept.data(), accept.size(), 0, auth, "xyzzy5461"), -1);
 
-    Bytes padded = accept;  // octets past the Length field are ignored
+    // The same reply with a Message-Authenticator, signed the way the
+    // example's server signs (checked against the example's own bytes first).
+    Bytes resigned = accept;
+    sign_reply(resigned, auth, "xyzzy5461");
+    ASSERT_EQ(resigned, accept) << "the test's signing agrees with the RFC";
+    Bytes with_ma(accept.begin(), accept.begin() + 20);
+    with_ma.insert(with_ma.end(), {80, 18});
+    with_ma.resize(with_ma.size() + 16, 0);
+    with_ma.insert(with_ma.end(), accept.begin() + 20, accept.end());
+    sign_reply(with_ma, auth, "xyzzy5461", 22);
+    EXPECT_EQ(radius_verify_reply(with_ma.data(), with_ma.size(), 0, auth, "xyzzy5461"), 2);
+    EXPECT_EQ(radius_verify_reply(with_ma.data(), with_ma.size(), 0, auth, "xyzzy546"), -1);
+    EXPECT_EQ(radius_verify_reply(with_ma.data(), with_ma.size(), 1, auth, "xyzzy5461"), -1);
+
+    Bytes padded = with_ma;  // octets past the Length field are ignored
     padded.push_back(0x55);
     EXPECT_EQ(radius_verify_reply(padded.data(), padded.size(), 0, auth, "xyzzy5461"), 2);
-    EXPECT_EQ(radius_verify_reply(accept.data(), accept.size() - 1, 0, auth, "xyzzy5461"), -1);
-    Bytes tampered = accept;
+    EXPECT_EQ(radius_verify_reply(with_ma.data(), with_ma.size() - 1, 0, auth, "xyzzy5461"), -1);
+    Bytes tampered = with_ma;
     tampered[tampered.size() - 1] ^= 1;
     EXPECT_EQ(radius_verify_reply(tampered.data(), tampered.size(), 0, auth, "xyzzy5461"), -1);
 }
@@ -182,12 +201,22 @@ TEST(RadiusPacket, RepliesVerifyOnlyWhenWellFormedAndSigned) {
     for (int i = 0; i < 16; ++i) auth[i] = static_cast<std::uint8_t>(i * 7);
     const std::string secret = "testing123";
 
-    for (bool with_ma : {false, true}) {
-        const Bytes reject = make_reply(3, 42, auth, secret, with_ma);
-        EXPECT_EQ(radius_verify_reply(reject.data(), reject.size(), 42, auth, secret), 3);
-        const Bytes challenge = make_reply(11, 42, auth, secret, with_ma);
-        EXPECT_EQ(radius_verify_reply(challenge.data(), challenge.size(), 42, auth, secret), 11);
+    const Bytes reject = make_reply(3, 42, auth, secret, true);
+    EXPECT_EQ(radius_verify_reply(reject.data(), reject.size(), 42, auth, secret), 3);
+    const Bytes challenge = make_reply(11, 42, auth, secret, true);
+    EXPECT_EQ(radius_verify_reply(challenge.data(), challenge.size(), 42, auth, secret), 11);
+
+    // Without a Message-Authenticator no reply is believed, however well its
+    // Response Authenticator is signed.
+    for (std::uint8_t code : {2, 3, 11}) {
+        const Bytes bare = make_reply(code, 42, auth, secret, false);
+        EXPECT_EQ(radius_verify_reply(bare.data(), bare.size(), 42, auth, secret), -1) << int(code);
     }
+    // Two Message-Authenticators are refused too.
+    Bytes twice = make_reply(2, 42, auth, secret, true);
+    twice.insert(twice.begin() + 20, {80, 18, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+    sign_reply(twice, auth, secret, 40);
+    EXPECT_EQ(radius_verify_reply(twice.data(), twice.size(), 42, auth, secret), -1);
 
     // A Message-Authenticator that does not verify, even under a correct
     // Response Authenticator, fails the reply.
@@ -201,7 +230,7 @@ TEST(RadiusPacket, RepliesVerifyOnlyWhenWellFormedAndSigned) {
     EXPECT_EQ(radius_verify_reply(odd.data(), odd.size(), 42, auth, secret), -1);
 
     // An attribute running past the end.
-    Bytes overrun = make_reply(2, 42, auth, secret, false);
+    Bytes overrun = make_reply(2, 42, auth, secret, true);
     overrun[21] = 60;
     sign_reply(overrun, auth, secret);
     EXPECT_EQ(radius_verify_reply(overrun.data(), overrun.size(), 42, auth, secret), -1);
@@ -245,4 +274,131 @@ TEST(RadiusPacket, AccessRequestCarriesSignedAttributes) {
     HMAC(EVP_md5(), req.secret.data(), static_cast<int>(req.secret.size()), zeroed.data(),
          zeroed.size(), mac, &len);
     EXPECT_EQ(0, std::memcmp(mac, packet.data() + ma, 16));
+}
+
+// ------------------------------------------------------------------ client networks
+
+namespace {
+
+bool contains(const char* network, const char* address) {
+    Network n;
+    if (!parse_network(network, &n)) {
+        ADD_FAILURE() << "cannot parse " << network;
+        return false;
+    }
+    std::uint8_t bytes[16];
+    if (inet_pton(AF_INET, address, bytes) == 1) return network_contains(n, bytes, 4);
+    if (inet_pton(AF_INET6, address, bytes) == 1) return network_contains(n, bytes, 16);
+    ADD_FAILURE() << "cannot parse " << address;
+    return false;
+}
+
+}  // namespace
+
+TEST(ClientNetwork, PrefixesHostsAndMappedAddresses) {
+    EXPECT_TRUE(contains("127.0.0.0/8", "127.0.0.1"));
+    EXPECT_TRUE(contains("127.0.0.0/8", "127.255.1.2"));
+    EXPECT_FALSE(contains("127.0.0.0/8", "128.0.0.1"));
+    EXPECT_TRUE(contains("10.1.2.3", "10.1.2.3"));
+    EXPECT_FALSE(contains("10.1.2.3", "10.1.2.4"));
+    EXPECT_TRUE(contains("192.168.4.0/22", "192.168.7.255"));
+    EXPECT_FALSE(contains("192.168.4.0/22", "192.168.8.0"));
+    EXPECT_TRUE(contains("0.0.0.0/0", "203.0.113.9"));
+    // An IPv4 client seen through a dual-stack listener.
+    EXPECT_TRUE(contains("127.0.0.0/8", "::ffff:127.0.0.1"));
+    EXPECT_FALSE(contains("127.0.0.0/8", "::ffff:10.0.0.1"));
+    // IPv6 networks match IPv6 clients only.
+    EXPECT_TRUE(contains("::1", "::1"));
+    EXPECT_FALSE(contains("::1", "127.0.0.1"));
+    EXPECT_TRUE(contains("fd00::/8", "fd12:3456::1"));
+    EXPECT_FALSE(contains("fd00::/8", "fe80::1"));
+    EXPECT_FALSE(contains("0.0.0.0/0", "::2"));
+
+    Network n;
+    for (const char* bad : {"", "127.0.0.1/", "127.0.0.1/33", "::1/129", "10.0.0.1/8",
+                            "localhost", "127.0.0.0/8x", "127.0.0.0/-1", "fd00::1/8",
+                            "127.0.0.1 ", "127.0.0.0/0008"}) {
+        EXPECT_FALSE(parse_network(bad, &n)) << bad;
+    }
+    ASSERT_TRUE(parse_network("127.0.0.0/8", &n));
+    EXPECT_FALSE(network_contains(n, nullptr, 4));
+    const std::uint8_t odd[5] = {127, 0, 0, 1, 0};
+    EXPECT_FALSE(network_contains(n, odd, 5));
+}
+
+// ------------------------------------------------------------------ failure limit
+
+TEST(FailureLimit, RefusesAfterTheLimitUntilTheWindowPasses) {
+    FailureLimit limit;
+    using D = FailureLimit::Decision;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(limit.begin("alice", 1000 + i, 5, 300), D::allowed) << i;
+        limit.finish("alice", 1000 + i, true);
+    }
+    EXPECT_EQ(limit.begin("alice", 1010, 5, 300), D::locked);
+    // Another account is not affected.
+    ASSERT_EQ(limit.begin("bob", 1010, 5, 300), D::allowed);
+    limit.finish("bob", 1010, false);
+    EXPECT_EQ(limit.size(), 1u) << "a success leaves nothing behind";
+    // The first failure (at 1000) leaves the window at 1300.
+    EXPECT_EQ(limit.begin("alice", 1299, 5, 300), D::locked);
+    ASSERT_EQ(limit.begin("alice", 1300, 5, 300), D::allowed);
+    limit.finish("alice", 1300, true);
+    EXPECT_EQ(limit.begin("alice", 1300, 5, 300), D::locked);
+    // A success clears the account.
+    ASSERT_EQ(limit.begin("carol", 1, 2, 300), D::allowed);
+    limit.finish("carol", 1, true);
+    ASSERT_EQ(limit.begin("carol", 2, 2, 300), D::allowed);
+    limit.finish("carol", 2, false);
+    ASSERT_EQ(limit.begin("carol", 3, 2, 300), D::allowed);
+    limit.finish("carol", 3, true);
+    EXPECT_EQ(limit.begin("carol", 4, 2, 300), D::allowed);
+}
+
+TEST(FailureLimit, RunningChecksCountAndCapacityIsBounded) {
+    using D = FailureLimit::Decision;
+    FailureLimit limit(2);
+    // Two checks in flight exhaust a limit of two before either has failed.
+    ASSERT_EQ(limit.begin("a", 0, 2, 60), D::allowed);
+    ASSERT_EQ(limit.begin("a", 0, 2, 60), D::allowed);
+    EXPECT_EQ(limit.begin("a", 0, 2, 60), D::locked);
+    limit.finish("a", 0, true);
+    limit.finish("a", 0, true);
+    ASSERT_EQ(limit.begin("b", 0, 2, 60), D::allowed);
+    limit.finish("b", 0, true);
+    // Both slots hold live failures: a third account cannot be tracked.
+    EXPECT_EQ(limit.begin("c", 10, 2, 60), D::full);
+    // Once they have aged out, the slots are reused.
+    ASSERT_EQ(limit.begin("c", 61, 2, 60), D::allowed);
+    limit.finish("c", 61, true);
+    EXPECT_EQ(limit.size(), 1u);
+}
+
+// ------------------------------------------------------------------ stored credentials
+
+TEST(StoredCredential, DeciphersTheNotationAndRefusesMalformedText) {
+    std::string plain;
+    ASSERT_TRUE(credential_decipher("(413,3233):2790", &plain));
+    EXPECT_EQ(plain, "A");
+    ASSERT_TRUE(credential_decipher("(0x19d,06241):0Xae6", &plain));
+    EXPECT_EQ(plain, "A");
+    ASSERT_TRUE(credential_decipher("(0635,3233):2790-05012-2790", &plain));
+    EXPECT_EQ(plain, "AbA");
+    ASSERT_TRUE(credential_decipher("(413,3233):", &plain));
+    EXPECT_EQ(plain, "");
+    for (const char* bad : {"", "(413,3233)", "(413,3233):2790-", "(413,3233):-2790",
+                            "(413,3233):2790--2790", "(413,1):", "(413,65536):1",
+                            "(413,3233):3233", "(4294967296,3233):1", "(0x,3233):1",
+                            "(413,3233):089", "( 413,3233):1", "(413,3233):0",
+                            "(413;3233):2790", "(413,3233):2790 "}) {
+        EXPECT_FALSE(credential_decipher(bad, &plain)) << bad;
+    }
+    // Plain text is taken as it is; notation must decipher; empty is no secret.
+    ASSERT_TRUE(credential_plain("testing123", &plain));
+    EXPECT_EQ(plain, "testing123");
+    ASSERT_TRUE(credential_plain("(413,3233):2790-05012-2790", &plain));
+    EXPECT_EQ(plain, "AbA");
+    EXPECT_FALSE(credential_plain("(413,3233):2790-", &plain));
+    EXPECT_FALSE(credential_plain("(413,3233):", &plain));
+    EXPECT_FALSE(credential_plain("", &plain));
 }

@@ -14,6 +14,9 @@
 #ifndef ORV_PAM_MATRIX_MODULE
 #error "ORV_PAM_MATRIX_MODULE must name pam_matrix.so"
 #endif
+#ifndef ORV_PAM_DENY_MODULE
+#error "ORV_PAM_DENY_MODULE must name pam_deny.so"
+#endif
 
 namespace {
 
@@ -26,17 +29,25 @@ protected:
         char pattern[] = "/tmp/orv-pam-test.XXXXXX";
         if (mkdtemp(pattern) == nullptr) return;
         dir_ = pattern;
+        // pam_matrix's account check reads the first line of a user, so
+        // every service has its own user.
         std::ofstream(dir_ + "/passdb") << "pamuser:right pass:orvtest\n"
-                                        << "pamuser:right pass:orvverbose\n";
-        const std::string module = std::string("auth required ") + ORV_PAM_MATRIX_MODULE +
-                                   " passdb=" + dir_ + "/passdb";
-        std::ofstream(dir_ + "/orvtest") << module << "\n";
-        std::ofstream(dir_ + "/orvverbose") << module << " verbose\n";
+                                        << "verboseuser:right pass:orvverbose\n"
+                                        << "denieduser:right pass:orvdenied\n";
+        const std::string module =
+            std::string(ORV_PAM_MATRIX_MODULE) + " passdb=" + dir_ + "/passdb";
+        std::ofstream(dir_ + "/orvtest") << "auth required " << module << "\n"
+                                         << "account required " << module << "\n";
+        std::ofstream(dir_ + "/orvverbose") << "auth required " << module << " verbose\n"
+                                            << "account required " << module << " verbose\n";
+        // The password is right but the account may not be used.
+        std::ofstream(dir_ + "/orvdenied") << "auth required " << module << "\n"
+                                           << "account required " << ORV_PAM_DENY_MODULE << "\n";
         setenv("PAM_WRAPPER_SERVICE_DIR", dir_.c_str(), 1);
     }
     static void TearDownTestSuite() {
         if (dir_.empty()) return;
-        for (const char* name : {"passdb", "orvtest", "orvverbose"}) {
+        for (const char* name : {"passdb", "orvtest", "orvverbose", "orvdenied"}) {
             unlink((dir_ + "/" + name).c_str());
         }
         rmdir(dir_.c_str());
@@ -55,8 +66,13 @@ std::string PamCheck::dir_;
 
 TEST_F(PamCheck, RightAndWrongPasswords) {
     std::string why;
-    EXPECT_EQ(orvsrv::pam_check_password("orvtest", "pamuser", "right pass", &why), PAM_SUCCESS);
-    EXPECT_EQ(orvsrv::pam_check_password("orvtest", "pamuser", "wrong pass", &why), PAM_AUTH_ERR);
+    orvsrv::PamStage stage = orvsrv::PamStage::start;
+    EXPECT_EQ(orvsrv::pam_check_password("orvtest", "pamuser", "right pass", &why, &stage),
+              PAM_SUCCESS);
+    EXPECT_EQ(stage, orvsrv::PamStage::account) << "the account is checked after the password";
+    EXPECT_EQ(orvsrv::pam_check_password("orvtest", "pamuser", "wrong pass", &why, &stage),
+              PAM_AUTH_ERR);
+    EXPECT_EQ(stage, orvsrv::PamStage::authenticate);
     EXPECT_FALSE(why.empty());
     EXPECT_NE(orvsrv::pam_check_password("orvtest", "nobody", "right pass", &why), PAM_SUCCESS);
     EXPECT_NE(orvsrv::pam_check_password("orvtest", "pamuser", "", &why), PAM_SUCCESS);
@@ -68,9 +84,22 @@ TEST_F(PamCheck, RightAndWrongPasswords) {
 // a response pointer; the check must neither crash nor fail on them.
 TEST_F(PamCheck, VerboseModuleMessagesAreTolerated) {
     std::string why;
-    EXPECT_EQ(orvsrv::pam_check_password("orvverbose", "pamuser", "right pass", &why),
+    EXPECT_EQ(orvsrv::pam_check_password("orvverbose", "verboseuser", "right pass", &why),
               PAM_SUCCESS);
-    EXPECT_EQ(orvsrv::pam_check_password("orvverbose", "pamuser", "bad", &why), PAM_AUTH_ERR);
+    EXPECT_EQ(orvsrv::pam_check_password("orvverbose", "verboseuser", "bad", &why), PAM_AUTH_ERR);
+}
+
+// pam_acct_mgmt runs after a right password: an account that the stack
+// refuses (expired, locked; here pam_deny) does not pass.
+TEST_F(PamCheck, RefusedAccountFailsAfterTheRightPassword) {
+    std::string why;
+    orvsrv::PamStage stage = orvsrv::PamStage::start;
+    EXPECT_EQ(orvsrv::pam_check_password("orvdenied", "denieduser", "right pass", &why, &stage),
+              PAM_AUTH_ERR);
+    EXPECT_EQ(stage, orvsrv::PamStage::account);
+    EXPECT_EQ(orvsrv::pam_check_password("orvdenied", "denieduser", "wrong pass", &why, &stage),
+              PAM_AUTH_ERR);
+    EXPECT_EQ(stage, orvsrv::PamStage::authenticate);
 }
 
 TEST_F(PamCheck, MissingServiceFails) {
