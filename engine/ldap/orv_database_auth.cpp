@@ -12,6 +12,11 @@
 //                         directory server ask the RADIUS server.
 // The user's entry found on the way is kept in AUTH_USER_ORVLIBENTRY and is
 // the source of the per-user settings.
+//
+// Nothing here passes by default: a user look-up, repository or database
+// read that could not be made refuses the user with its status (a database
+// whose factors cannot be read is not taken for one without factors), and
+// the password check is that of orvlib_authenticate_user.
 
 #include <pwd.h>
 #include <strings.h>
@@ -30,8 +35,14 @@
 #include "orvldap.h"
 #include "orvldap_auth.h"
 #include "orvldap_utils.h"
+#include "orv_search_internal.hpp"
 
 namespace {
+
+int store_status(int status) {
+    ldapErrCode = status;
+    return status;
+}
 
 const char kRadiusOid[] = "1.3.6.1.4.1.47391.0.1000.1";
 
@@ -52,13 +63,27 @@ constexpr int kRadiusRejected = 2;
 constexpr int kRadiusNoAnswer = 1;
 
 // Decimal value of the first value of attribute id in a database's entry
-// (0 when the database, the attribute or the value is missing).
-int database_setting(LDAP* ld, const char* database_id, int id) {
+// into *value (0 when there is no database id, or the database, the
+// attribute or the value is missing).  Status of the read: a read that
+// failed otherwise than with "no such object" is an error.
+int database_setting(LDAP* ld, const char* database_id, int id, int* value) {
+    *value = 0;
+    if (!database_id) return LDAP_SUCCESS;
     ORVLibEntry* entry = orvlib_get_database_details_internal(ld, database_id);
-    const char* value = orv::entry_first_value(entry, id);
-    int result = value ? std::atoi(value) : 0;
+    if (!entry) return ldapErrCode == LDAP_NO_SUCH_OBJECT ? LDAP_SUCCESS : ldapErrCode;
+    const char* text = orv::entry_first_value(entry, id);
+    *value = text ? std::atoi(text) : 0;
     orvlib_orvlibentry_free(entry);
-    return result;
+    return LDAP_SUCCESS;
+}
+
+// The user's entry in the directory the mode names; *status: 0 when found,
+// 32 when the user is not there, otherwise the failed search's status.
+ORVLibEntry* look_up_user(const char* uid, int* status) {
+    ldapErrCode = LDAP_SUCCESS;
+    ORVLibEntry* entry = get_auth_user_details(orv_ld, uid);
+    *status = entry ? LDAP_SUCCESS : (ldapErrCode != LDAP_SUCCESS ? ldapErrCode : LDAP_NO_SUCH_OBJECT);
+    return entry;
 }
 
 }  // namespace
@@ -91,72 +116,92 @@ int orvlib_authenticate_database_user(LDAP* ld, const char* uid, const char* pas
     ORV_DEBUG("Uid: ", uid ? uid : "");
     ORV_DEBUG("Password", passwd ? passwd : "");
     ORV_DEBUG("Repository ID", repository_id ? repository_id : "");
-    orv::OrvString login(remove_paranthesis_from_string(uid));
     if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    // The login name goes into filters as an escaped value and into the DN
+    // with the DN escapes: it is used as given.
+    const char* login = uid;
 
     orvlib_orvlibentry_free(AUTH_USER_ORVLIBENTRY);
     AUTH_USER_ORVLIBENTRY = nullptr;
     if (ORV_OPERATION_MODE == 1) ORV_OP_MODE_SEARCH = 1;
 
-    AUTH_USER_ORVLIBENTRY = get_auth_user_details(orv_ld, login.get());
+    int status = LDAP_SUCCESS;
+    AUTH_USER_ORVLIBENTRY = look_up_user(login, &status);
     if (!AUTH_USER_ORVLIBENTRY && ORV_OPERATION_MODE == 1) {
         // Not on the corporate partition: look in the library's own directory.
         ORV_OPERATION_MODE = 0;
         mechanism = 0;
-        AUTH_USER_ORVLIBENTRY = get_auth_user_details(orv_ld, login.get());
+        AUTH_USER_ORVLIBENTRY = look_up_user(login, &status);
         ORV_OPERATION_MODE = 1;
         mechanism = operatingMechanism == 1 ? 1 : 0;
     }
-    if (!AUTH_USER_ORVLIBENTRY) return orv::report(LDAP_NO_SUCH_OBJECT);
+    if (!AUTH_USER_ORVLIBENTRY) return orv::report(status);
 
     char* rawDatabaseId = nullptr;
     int rc = get_database_id_from_repository_id(orv_ld, repository_id, &rawDatabaseId);
     orv::OrvString databaseId(rawDatabaseId);
     orv::report(rc);
-    if (rc == LDAP_SERVER_DOWN) return rc;
+    // An unknown repository has no database and no factors; a look-up that
+    // could not be made decides nothing.
+    if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT) return rc;
 
-    int status = check_and_perform_system_login_2factor_authentication(orv_ld, login.get(), databaseId.get());
-    if (status == 0 && ORV_OS_AUTH == 1) status = _authenticateOSUser(orv_ld, login.get(), passwd);
+    status = check_and_perform_system_login_2factor_authentication(orv_ld, login, databaseId.get());
+    if (status == 0 && ORV_OS_AUTH == 1) status = _authenticateOSUser(orv_ld, login, passwd);
     // After an operating-system check the mode is 0, so the local check runs too.
-    if (status == 0 && ORV_OPERATION_MODE == 0)
-        status = _authenticateNonCorporateUser(orv_ld, login.get(), passwd);
+    if (status == 0 && ORV_OPERATION_MODE == 0) status = _authenticateNonCorporateUser(orv_ld, login, passwd);
     if (status == 0 && ORV_OPERATION_MODE == 1) {
         user_authenticated = 1;
         ORV_OP_MODE_SEARCH = 1;
-        status = _authenticateCorporateUser(orv_ld, login.get(), passwd);
-        if (status != LDAP_SUCCESS && status != LDAP_INVALID_CREDENTIALS)
-            status = orv::authenticate_locally_in_corporate_mode(login.get(), passwd);
+        status = _authenticateCorporateUser(orv_ld, login, passwd);
+        if (!orv::corporate_answer_is_final(status))
+            status = orv::authenticate_locally_in_corporate_mode(login, passwd);
     }
-    if (status == 0) status = check_for_radius_2factor_authentication(orv_ld, login.get(), databaseId.get());
+    if (status == 0) status = check_for_radius_2factor_authentication(orv_ld, login, databaseId.get());
     return orv::report(status);
 }
 
 ORVLibEntry* get_auth_user_details(LDAP* ld, const char* uid) {
     ORV_TRACE();
     ORV_DEBUG("user uid: ", uid ? uid : "");
-    orv::OrvString login(remove_paranthesis_from_string(uid));
+    if (!uid) {
+        store_status(ORV_LDAPLIB_INVALID_INPUT);
+        return nullptr;
+    }
     LDAP* directory = ORV_OPERATION_MODE == 1 ? corporate_admin_ld : ld;
-    orv::OrvString dn(login && directory ? getDNFromUid(directory, login.get(), nullptr, nullptr) : nullptr);
+    // getDNFromUid stores its search's status: 0 when it found nobody.
+    orv::OrvString dn(getDNFromUid(directory, orv::filter_value(uid).c_str(), nullptr, nullptr));
     ORV_DEBUG("Search Filter: ", dn ? dn.get() : "");
-    if (!dn) return nullptr;
+    if (!dn) {
+        if (ldapErrCode == LDAP_SUCCESS) store_status(LDAP_NO_SUCH_OBJECT);
+        return nullptr;
+    }
 
+    // A search of its own: a caller iterating a search keeps its place.
+    orv::NestedSearch nested;
     LDAPMessage* res = nullptr;
     int rc = orvlib_search_ext_s(ld, dn.get(), ORV_SEARCH_PEOPLE, &res);
+    orv::LdapMsg owned(res);
     if (rc != LDAP_SUCCESS) {
-        orvlib_orvmessage_free(res);
         orv::report(rc);
         return nullptr;
     }
     ORVLibEntry* entry = nullptr;
     if (res) orvlib_first_entry(ld, &entry, res);
-    orvlib_orvmessage_free(res);
+    store_status(entry ? LDAP_SUCCESS : LDAP_NO_SUCH_OBJECT);
     return entry;
 }
 
 int check_and_perform_system_login_2factor_authentication(LDAP* ld, const char* uid,
                                                            const char* database_id) {
     ORV_TRACE();
-    if (is_database_configured_sys_login_2factor_authentication(ld, database_id) == 0) return 0;
+    int required = 0;
+    const int rc = database_setting(ld, database_id, kAttrSystemLoginRequired, &required);
+    if (rc != LDAP_SUCCESS) {
+        ORV_DEBUG("Database settings could not be read", rc);
+        return rc;
+    }
+    ORV_DEBUG("Database requires system login: ", required);
+    if (required == 0) return 0;
     return check_and_perform_system_login_2factor_auth_unix(ld, uid);
 }
 
@@ -179,8 +224,11 @@ int check_for_radius_2factor_authentication(LDAP* ld, const char* uid, const cha
     ORV_DEBUG("uid for authentication: ", uid ? uid : "");
     ORV_DEBUG("Authentication Database ID: ", database_id ? database_id : "");
     int status = 0;
-    if (database_id && check_user_and_db_for_radius_auth(ld, uid, database_id) == 1)
-        status = ORV_LDAPLIB_RADIUS_2FACTOR_REQUIRED;
+    if (database_id && is_user_configured_radius_2factor_authentication(ld, uid) == 1) {
+        int required = 0;
+        status = database_setting(ld, database_id, kAttrRadiusRequired, &required);
+        if (status == LDAP_SUCCESS && required == 1) status = ORV_LDAPLIB_RADIUS_2FACTOR_REQUIRED;
+    }
     return orv::report(status);
 }
 
@@ -192,14 +240,16 @@ int is_user_configured_radius_2factor_authentication(LDAP* /*ld*/, const char* /
 
 int is_database_configured_radius_2factor_authentication(LDAP* ld, const char* database_id) {
     ORV_TRACE();
-    int value = database_setting(ld, database_id, kAttrRadiusRequired);
+    int value = 0;
+    database_setting(ld, database_id, kAttrRadiusRequired, &value);
     ORV_DEBUG("Database requires RADIUS: ", value);
     return value;
 }
 
 int is_database_configured_sys_login_2factor_authentication(LDAP* ld, const char* database_id) {
     ORV_TRACE();
-    int value = database_setting(ld, database_id, kAttrSystemLoginRequired);
+    int value = 0;
+    database_setting(ld, database_id, kAttrSystemLoginRequired, &value);
     ORV_DEBUG("Database requires system login: ", value);
     return value;
 }
@@ -254,12 +304,12 @@ int orvlib_authenticate_radius_user(LDAP* ld, const char* uid, const char* passw
                                                    radiusUser, "xxxxxxxx"));
     int rc = orv::extended_operation(orv_ld, kRadiusOid, value);
     // Wipe the copy that held the secret and the password.
-    std::fill(value.begin(), value.end(), '\0');
+    orv::wipe(value);
 
     int status = rc;
     if (rc == kRadiusRejected) {
         status = LDAP_INVALID_CREDENTIALS;
-    } else if (rc == kRadiusNoAnswer || rc == LDAP_SERVER_DOWN) {
+    } else if (rc == kRadiusNoAnswer || rc == orv::kServerDown) {
         radius_err_str = kRadiusUnreachable;
         status = ORV_LDAPLIB_RADIUS_ERROR;
     }

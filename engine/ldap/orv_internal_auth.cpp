@@ -14,8 +14,21 @@
 // asks for the password policy response, so that an expired password or a
 // locked account is told apart from a wrong password.
 //
-// The last credentials tried are kept in _user_id and _pwd (replaced before
-// the password is known to be right) for binding again after a reconnect.
+// Every check fails closed: a password is accepted only on a bind result
+// that the directory sent and the library parsed.  A connection that cannot
+// be opened, a bind without an answer in time, or an inactive-user or
+// reset-flag check that could not be made refuses the user with that status
+// (81, 85, 91, the search's own code).  An empty password authenticates
+// nobody, whatever the partition allows.  Login names and DNs go into
+// filters as escaped values.
+//
+// The credentials of a user the directory answered for are kept in _user_id
+// and _pwd for binding again after a reconnect; a check that could not be
+// made leaves them as they were.  A password copy is wiped before it is
+// freed.  Users are bound on connections of their own: the corporate
+// administrative connection stays bound as the partition administrator.
+
+#include <sys/time.h>
 
 #include <cstring>
 #include <string>
@@ -32,17 +45,24 @@ namespace {
 
 const char kOsAuthOid[] = "1.2.3.4";
 const char kPasswordMustChangeAttr[] = "orvPasswordMustChange";
-
-void replace_owned(char*& target, const char* value) {
-    orvlib_memfree(target);
-    target = _orvlib_dupString(value);
-}
+const char kInactiveRoleFilter[] = "(&(objectclass=morvaneRole)(cn=Inactive User)(";
 
 // Stores a status without writing the status line (the checks whose outcome
 // the caller reports itself).
 int store(int status) {
     ldapErrCode = status;
     return status;
+}
+
+// Keeps the credentials of a user the directory answered for.  The old
+// password is wiped before its memory goes back.
+void keep_credentials(const char* dn, const char* password) {
+    char* id = _orvlib_dupString(dn);
+    char* pw = _orvlib_dupString(password ? password : "");
+    orvlib_memfree(_user_id);
+    _user_id = id;
+    orv::free_secret(_pwd);
+    _pwd = pw;
 }
 
 // Closes the corporate user connection unless it is the administrative one.
@@ -53,23 +73,173 @@ void release_corporate_user_connection() {
         orv::unbind(corporate_user_ld);
 }
 
-// A temporary connection to the library's own server, connected now so that
-// an unreachable server shows here and not as an unsent bind.
-LDAP* open_temporary_connection() {
-    LDAP* ld = nullptr;
-    if (_orvSSLEnabled == 1) {
-        ld = create_ssl_connection(orv_Srv, orv_Port);
-        if (!ld) ORV_DEBUG("SSL Connection couldn't be created", "");
-    } else {
-        ld = orv::open_plain(orv_Srv, orv_Port);
-        if (!ld) ORV_DEBUG("non-SSL Connection couldn't be created", "");
+// A new handle to host:port, prepared (protocol, time-outs, no referrals),
+// over SSL when ssl is set.  Status in *status (91 when no handle).
+LDAP* open_handle(const char* host, int port, bool ssl, int* status) {
+    LDAP* ld = ssl ? create_ssl_connection(host, port) : orv::open_plain(host, port);
+    if (!ld) {
+        *status = orv::kConnectError;
+        return nullptr;
+    }
+    *status = orv::prepare_handle(ld);
+    if (*status != LDAP_SUCCESS) {
+        ORV_DEBUG("Failed in ldap_set_option", *status);
+        orv::unbind(ld);
     }
     return ld;
+}
+
+// The corporate user's own connection: a new connection to the partition,
+// bound as dn with password.  Status of the attempt; *out is set on success
+// only.
+int bind_corporate_user(const partition_info* p, const char* dn, const char* password, LDAP** out) {
+    int status = LDAP_SUCCESS;
+    LDAP* ld = open_handle(p->hostname, p->port_num, p->orv_ssl_enabled == 1, &status);
+    if (!ld) return status;
+    int deref = LDAP_DEREF_NEVER;
+    status = orv::status_from_ldap(ldap_set_option(ld, LDAP_OPT_DEREF, &deref));
+    if (status == LDAP_SUCCESS) status = orv::simple_bind(ld, dn, password);
+    if (status != LDAP_SUCCESS) {
+        orv::unbind(ld);
+        return status;
+    }
+    *out = ld;
+    return LDAP_SUCCESS;
+}
+
+// A temporary connection to the library's own server, connected now so that
+// an unreachable server shows here and not as an unsent bind.  *status: 0,
+// or why there is no connection.
+LDAP* open_temporary_connection(int* status) {
+    const bool ssl = _orvSSLEnabled == 1;
+    LDAP* ld = open_handle(orv_Srv, orv_Port, ssl, status);
+    if (ld) {
+        *status = orv::status_from_ldap(ldap_connect(ld));
+        if (*status != LDAP_SUCCESS) orv::unbind(ld);
+    }
+    if (!ld)
+        ORV_DEBUG(ssl ? "SSL Connection couldn't be created" : "non-SSL Connection couldn't be created",
+                  *status);
+    return ld;
+}
+
+// What one bind on the temporary connection came to.
+struct BindOutcome {
+    int status = LDAP_SUCCESS;  // the bind's result, or why there is none
+    int policyError = ORV_PWDPOLICY_NO_ERROR;
+    int warningKind = ORV_PWDPOLICY_WARNING_NONE;
+    int warningValue = 0;
+};
+
+// Simple bind as dn with the password policy request control, waiting at
+// most the library's time-out for the answer (the request is abandoned
+// then: 85).  Only a result the server sent and the library parsed sets the
+// status from the server.
+BindOutcome bind_with_policy_control(LDAP* ld, const char* dn, const char* password) {
+    BindOutcome out;
+    berval cred{static_cast<ber_len_t>(std::strlen(password)), const_cast<char*>(password)};
+    LDAPControl policyRequest{};
+    policyRequest.ldctl_oid = const_cast<char*>(LDAP_CONTROL_PASSWORDPOLICYREQUEST);
+    policyRequest.ldctl_iscritical = 0;
+    LDAPControl* requestControls[] = {&policyRequest, nullptr};
+
+    int msgid = 0;
+    out.status = orv::status_from_ldap(
+        ldap_sasl_bind(ld, dn, LDAP_SASL_SIMPLE, &cred, requestControls, nullptr, &msgid));
+    ORV_DEBUG("ldap_sasl_bind:", out.status);
+    if (out.status != LDAP_SUCCESS) return out;
+
+    timeval limit{orv::g_timeout_seconds, 0};
+    LDAPMessage* raw = nullptr;
+    const int type = ldap_result(ld, msgid, LDAP_MSG_ALL, orv::g_timeout_seconds > 0 ? &limit : nullptr, &raw);
+    orv::LdapMsg result(raw);
+    if (type == 0) {
+        ORV_DEBUG("No answer to the bind in time; seconds: ", orv::g_timeout_seconds);
+        int rc = orv::status_from_ldap(ldap_abandon_ext(ld, msgid, nullptr, nullptr));
+        if (rc != LDAP_SUCCESS) ORV_DEBUG("Abandon of the bind: ", rc);
+        out.status = orv::kTimeout;
+        return out;
+    }
+    if (type < 0 || !result) {
+        out.status = orv::last_error(ld);
+        if (out.status == LDAP_SUCCESS) out.status = orv::kServerDown;
+        ORV_DEBUG("No bind result: ", out.status);
+        return out;
+    }
+    int code = LDAP_OTHER;
+    char* message = nullptr;
+    LDAPControl** controls = nullptr;
+    const int parsed =
+        orv::status_from_ldap(ldap_parse_result(ld, result.get(), &code, nullptr, &message, nullptr, &controls, 0));
+    orv::LdapString messageOwner(message);
+    orv::LdapControls controlsOwner(controls);
+    if (parsed != LDAP_SUCCESS) {
+        ORV_DEBUG("Bind result not readable: ", parsed);
+        out.status = parsed;
+        return out;
+    }
+    out.status = orv::status_from_ldap(code);
+    if (message && *message) ORV_DEBUG("Bind message: ", message);
+    if (controls) ldap_parse_pwdpolicy_response(ld, controls, &out.policyError, &out.warningKind, &out.warningValue);
+    return out;
 }
 
 }  // namespace
 
 namespace orv {
+
+bool check_not_made(int status) { return status >= kServerDown && status <= kReferralLimitExceeded; }
+
+bool corporate_answer_is_final(int status) {
+    return status == LDAP_SUCCESS || status == LDAP_INVALID_CREDENTIALS || check_not_made(status);
+}
+
+int inactive_user_check(LDAP* ld, const char* userDn, bool* inactive) {
+    *inactive = false;
+    if (!userDn) return ORV_LDAPLIB_INVALID_INPUT;
+    const std::string filter = std::string(kInactiveRoleFilter) + "member" + ORV_CONSTANT_EQUALS +
+                               filter_value(userDn) + "))";
+    ORV_DEBUG("Search Filter: ", filter);
+    const char* noAttrs[] = {LDAP_NO_ATTRS, nullptr};
+    LdapMsg res;
+    int rc = search(ld, ORV_GROUP_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(), noAttrs, 0, res);
+    if (rc != LDAP_SUCCESS) return rc;
+    const int count = res ? ldap_count_entries(ld, res.get()) : -1;
+    if (count < 0) return last_error(ld) != LDAP_SUCCESS ? last_error(ld) : kDecodingError;
+    // One or more such roles make the user inactive.
+    *inactive = count > 0;
+    return LDAP_SUCCESS;
+}
+
+int password_reset_check(LDAP* ld, const char* userDn, bool* reset) {
+    *reset = false;
+    const char* attrs[] = {kPasswordMustChangeAttr, nullptr};
+    LdapMsg res;
+    int rc = search(ld, userDn, LDAP_SCOPE_BASE, "objectclass=*", attrs, 0, res);
+    if (rc != LDAP_SUCCESS) return rc;
+    ORV_DEBUG("Search Finished, Reading other entries", "");
+    LDAPMessage* entry = res ? ldap_first_entry(ld, res.get()) : nullptr;
+    if (!entry) {
+        // The user's own entry must be readable to know that it is not reset.
+        ORV_DEBUG("Entry Failed", "");
+        rc = last_error(ld);
+        return rc != LDAP_SUCCESS ? rc : LDAP_NO_SUCH_OBJECT;
+    }
+    BerElement* ber = nullptr;
+    LdapString attr(ldap_first_attribute(ld, entry, &ber));
+    BerPtr berOwner(ber);
+    if (!attr) return LDAP_SUCCESS;
+    ORV_DEBUG("Attribute found: ", attr.get());
+    LdapBerValues vals(ldap_get_values_len(ld, entry, attr.get()));
+    for (berval** v = vals.get(); v && *v; ++v) {
+        if (std::string((*v)->bv_val, (*v)->bv_len) == "on") {
+            ORV_DEBUG("Password is resetted", "");
+            *reset = true;
+            break;
+        }
+    }
+    return LDAP_SUCCESS;
+}
 
 // Corporate mode: the check in the library's own directory for a user the
 // corporate partition could not authenticate.  The search mechanism and the
@@ -104,9 +274,9 @@ int orvlib_authenticate_user(LDAP* ld, const char* uid, const char* passwd) {
     if (ORV_OPERATION_MODE == 1) {
         user_authenticated = 1;
         int r = _authenticateCorporateUser(orv_ld, uid, passwd);
-        // A user the partition knows, with a wrong password, is never tried
-        // locally.
-        if (r == LDAP_SUCCESS || r == LDAP_INVALID_CREDENTIALS) return r;
+        // A user the partition knows is never tried locally: not with a
+        // wrong password, nor when the bind could not be made.
+        if (orv::corporate_answer_is_final(r)) return r;
         return orv::authenticate_locally_in_corporate_mode(uid, passwd);
     }
     if (ORV_OPERATION_MODE == 0) return _authenticateNonCorporateUser(orv_ld, uid, passwd);
@@ -117,9 +287,15 @@ int _authenticateCorporateUser(LDAP* /*ld*/, const char* uid, const char* passwd
     ORV_TRACE();
     const partition_info* p = PARTITION_INFO;
     const bool blankAllowed = p && p->partition_allows_blank_password != 0;
-    if (!blankAllowed && (!passwd || !*passwd)) {
-        ORV_DEBUG("Make sure password is not NULL or empty", "");
-        return store(ORV_LDAPLIB_INVALID_INPUT);
+    if (!passwd || !*passwd) {
+        if (!blankAllowed) {
+            ORV_DEBUG("Make sure password is not NULL or empty", "");
+            return store(ORV_LDAPLIB_INVALID_INPUT);
+        }
+        // A bind with a DN and no password is an unauthenticated bind, which
+        // servers answer with success: it proves nothing.
+        ORV_DEBUG("An empty password authenticates nobody", "");
+        return orv::report(LDAP_INVALID_CREDENTIALS);
     }
     const std::string login = uid ? uid : "";
     if (login.find('*') != std::string::npos) {
@@ -131,9 +307,8 @@ int _authenticateCorporateUser(LDAP* /*ld*/, const char* uid, const char* passwd
         return store(ORV_LDAPLIB_INVALID_PARTITION_INFO);
     }
 
-    // The login name goes into the filter exactly as given.
-    std::string filter = std::string(p->user_logon_attribute_name ? p->user_logon_attribute_name : "") +
-                         ORV_CONSTANT_EQUALS + login;
+    const std::string filter = std::string("(") + (p->user_logon_attribute_name ? p->user_logon_attribute_name : "") +
+                               ORV_CONSTANT_EQUALS + orv::filter_value(login) + ")";
     ORV_DEBUG("Search Filter: ", filter);
     orv::LdapMsg res;
     int rc = orv::search(corporate_admin_ld, CORP_PEOPLE_SEARCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),
@@ -148,30 +323,32 @@ int _authenticateCorporateUser(LDAP* /*ld*/, const char* uid, const char* passwd
         return orv::report(LDAP_NO_SUCH_OBJECT);
     }
     std::string dn = orv::entry_dn(corporate_admin_ld, entry);
+    res.reset();
     if (dn.empty()) {
         ORV_DEBUG("Unable to get the DN for the user", "");
         return orv::report(LDAP_NO_SUCH_OBJECT);
     }
     if (isValidMetaGroupMember(dn.c_str(), 0) != 0) {
-        res.reset();
         ORV_DEBUG("User not found", dn);
         return orv::report(LDAP_NO_SUCH_OBJECT);
     }
-
-    replace_owned(_user_id, dn.c_str());
-    replace_owned(_pwd, passwd);
     ORV_DEBUG("Corporate DN:", dn);
 
-    // The administrative connection stays bound as the user afterwards.
-    rc = orv::simple_bind(corporate_admin_ld, dn.c_str(), passwd ? passwd : "");
+    // The user is bound on a connection of its own; the administrative
+    // connection keeps the administrator's identity.
+    LDAP* userLd = nullptr;
+    rc = bind_corporate_user(p, dn.c_str(), passwd, &userLd);
+    if (orv::check_not_made(rc)) {
+        ORV_DEBUG("The corporate server did not answer the bind", rc);
+        return orv::report(rc);
+    }
+    keep_credentials(dn.c_str(), passwd);
     if (rc != LDAP_SUCCESS) {
         ORV_DEBUG("Password for the user is wrong", rc);
         return orv::report(LDAP_INVALID_CREDENTIALS);
     }
-
     release_corporate_user_connection();
-    corporate_user_ld = create_ldap_connection(p->hostname, p->port_num, dn.c_str(), passwd ? passwd : "");
-    // Whether or not the user connection could be made, the bind succeeded.
+    corporate_user_ld = userLd;
     return orv::report(LDAP_SUCCESS);
 }
 
@@ -186,22 +363,34 @@ int _authenticateNonCorporateUser(LDAP* ld, const char* uid, const char* passwd)
         ORV_DEBUG("Make sure user id is not NULL", "");
         return store(ORV_LDAPLIB_INVALID_INPUT);
     }
-    replace_owned(_user_id, userDn.get());
-    replace_owned(_pwd, passwd);
-    ORV_DEBUG("user id: ", _user_id);
-    ORV_DEBUG("Password", _pwd);
+    ORV_DEBUG("user id: ", userDn.get());
+    ORV_DEBUG("Password", passwd);
 
-    if (_isUserInactive(ld, userDn.get()) == 1) {
+    bool inactive = false;
+    int rc = orv::inactive_user_check(ld, userDn.get(), &inactive);
+    if (rc != LDAP_SUCCESS) {
+        ORV_DEBUG("Inactive user check failed", rc);
+        return orv::report(rc);
+    }
+    if (inactive) {
+        keep_credentials(userDn.get(), passwd);
         ORV_DEBUG("User is Inactive", userDn.get());
         return store(ORV_LDAPLIB_INACTIVE_USER);
     }
-    if (_authenticateUserTempConn(userDn.get(), passwd) != 0) {
-        // The status the check stored; a connection that could not be opened
-        // stored nothing, and the previous status stands.
-        ORV_DEBUG("Temporary connection did not authenticate the user", "");
-        return ldapErrCode;
+    rc = _authenticateUserTempConn(userDn.get(), passwd);
+    if (rc != LDAP_SUCCESS) {
+        ORV_DEBUG("Temporary connection did not authenticate the user", rc);
+        if (!orv::check_not_made(rc)) keep_credentials(userDn.get(), passwd);
+        return store(rc);
     }
-    if (_isUsersPasswordReset(ld, userDn.get()) == 1) {
+    bool reset = false;
+    rc = orv::password_reset_check(ld, userDn.get(), &reset);
+    if (rc != LDAP_SUCCESS) {
+        ORV_DEBUG("Password reset check failed", rc);
+        return orv::report(rc);
+    }
+    keep_credentials(userDn.get(), passwd);
+    if (reset) {
         ORV_DEBUG("User's Password has been reset", "");
         return store(ORV_LDAPLIB_PASSWORD_HAS_BEEN_RESET);
     }
@@ -214,116 +403,46 @@ int _authenticateNonCorporateUser(LDAP* ld, const char* uid, const char* passwd)
 
 int _authenticateUserTempConn(const char* userDn, const char* password) {
     ORV_TRACE();
-    LDAP* tmp = open_temporary_connection();
-    if (!tmp) return LDAP_OTHER;  // 80, not stored
-
-    int version = LDAP_VERSION3;
-    int rc = ldap_set_option(tmp, LDAP_OPT_PROTOCOL_VERSION, &version);
-    if (rc != LDAP_OPT_SUCCESS) {
-        ORV_DEBUG("Failed in ldap_set_option", rc);
-        orv::unbind(tmp);
-        return store(rc);
+    if (!password || !*password) {
+        // An unauthenticated bind would succeed without any password check.
+        ORV_DEBUG("An empty password authenticates nobody", "");
+        return orv::report(LDAP_INVALID_CREDENTIALS);
     }
-    if (ldap_connect(tmp) != LDAP_SUCCESS) {
-        ORV_DEBUG(_orvSSLEnabled == 1 ? "SSL Connection couldn't be created"
-                                      : "non-SSL Connection couldn't be created",
-                  "");
-        orv::unbind(tmp);
-        return LDAP_OTHER;  // 80, not stored
-    }
+    int status = LDAP_SUCCESS;
+    LDAP* tmp = open_temporary_connection(&status);
+    if (!tmp) return orv::report(status);
 
-    std::string secret = password ? password : "";
-    berval cred{static_cast<ber_len_t>(secret.size()), &secret[0]};
-    LDAPControl policyRequest{};
-    policyRequest.ldctl_oid = const_cast<char*>(LDAP_CONTROL_PASSWORDPOLICYREQUEST);
-    policyRequest.ldctl_iscritical = 0;
-    LDAPControl* requestControls[] = {&policyRequest, nullptr};
-
-    int msgid = 0;
-    rc = ldap_sasl_bind(tmp, userDn, LDAP_SASL_SIMPLE, &cred, requestControls, nullptr, &msgid);
-    ORV_DEBUG("ldap_sasl_bind:", rc);
-
-    // The bind's result starts at 0 and only a parsed result replaces it.
-    int bindResult = LDAP_SUCCESS;
-    int policyError = ORV_PWDPOLICY_NO_ERROR;
-    int warningKind = ORV_PWDPOLICY_WARNING_NONE;
-    int warningValue = 0;
-    if (rc == LDAP_SUCCESS) {
-        LDAPMessage* result = nullptr;
-        int type = ldap_result(tmp, msgid, LDAP_MSG_ALL, nullptr, &result);
-        if (type > 0 && result) {
-            int code = LDAP_SUCCESS;
-            char* message = nullptr;
-            LDAPControl** controls = nullptr;
-            int prc = ldap_parse_result(tmp, result, &code, nullptr, &message, nullptr, &controls, 1);
-            orv::LdapString messageOwner(message);
-            orv::LdapControls controlsOwner(controls);
-            if (prc == LDAP_SUCCESS) {
-                bindResult = code;
-                if (message && *message) ORV_DEBUG("Bind message: ", message);
-                if (controls)
-                    ldap_parse_pwdpolicy_response(tmp, controls, &policyError, &warningKind, &warningValue);
-            }
-        } else if (result) {
-            ldap_msgfree(result);
-        }
-    }
-
-    if (policyError == ORV_PWDPOLICY_PASSWORD_EXPIRED) {
-        orv::unbind(tmp);
+    const BindOutcome bind = bind_with_policy_control(tmp, userDn, password);
+    orv::unbind(tmp);
+    if (bind.policyError == ORV_PWDPOLICY_PASSWORD_EXPIRED) {
         ORV_DEBUG("Password has expired", "");
         return store(ORV_LDAPLIB_PASSWORD_HAS_EXPIRED);
     }
-    if (policyError == ORV_PWDPOLICY_ACCOUNT_LOCKED) {
-        orv::unbind(tmp);
+    if (bind.policyError == ORV_PWDPOLICY_ACCOUNT_LOCKED) {
         ORV_DEBUG("Account is locked", "");
         return store(ORV_LDAPLIB_ACCOUNT_LOCKED);
     }
-    if (warningKind == ORV_PWDPOLICY_WARNING_EXPIRY) {
-        password_expiry_time = warningValue;
-        ORV_DEBUG("Password expires in seconds: ", warningValue);
+    if (bind.warningKind == ORV_PWDPOLICY_WARNING_EXPIRY) {
+        password_expiry_time = bind.warningValue;
+        ORV_DEBUG("Password expires in seconds: ", bind.warningValue);
     }
-    orv::unbind(tmp);
-    return orv::report(bindResult);
+    return orv::report(bind.status);
 }
 
 int _isUsersPasswordReset(LDAP* ld, const char* user_dn) {
     ORV_TRACE();
-    const char* attrs[] = {kPasswordMustChangeAttr, nullptr};
-    orv::LdapMsg res;
-    int rc = orv::search(ld, user_dn, LDAP_SCOPE_BASE, "objectclass=*", attrs, 0, res);
+    bool reset = false;
+    const int rc = orv::password_reset_check(ld, user_dn, &reset);
     if (rc != LDAP_SUCCESS) return orv::report(rc);
-    ORV_DEBUG("Search Finished, Reading other entries", "");
-    LDAPMessage* entry = res ? ldap_first_entry(ld, res.get()) : nullptr;
-    if (!entry) {
-        ORV_DEBUG("Entry Failed", "");
-        return store(orv::last_error(ld));
-    }
-    BerElement* ber = nullptr;
-    orv::LdapString attr(ldap_first_attribute(ld, entry, &ber));
-    orv::BerPtr berOwner(ber);
-    if (!attr) return 0;
-    ORV_DEBUG("Attribute found: ", attr.get());
-    orv::LdapBerValues vals(ldap_get_values_len(ld, entry, attr.get()));
-    for (berval** v = vals.get(); v && *v; ++v) {
-        if (std::string((*v)->bv_val, (*v)->bv_len) == "on") {
-            ORV_DEBUG("Password is resetted", "");
-            return 1;
-        }
-    }
-    return 0;
+    return reset ? 1 : 0;
 }
 
 int _isUserInactive(LDAP* ld, const char* userDn) {
     ORV_TRACE();
-    std::string filter = std::string("(&(objectclass=morvaneRole)(cn=Inactive User)(") + "member" +
-                         ORV_CONSTANT_EQUALS + (userDn ? userDn : "") + "))";
-    ORV_DEBUG("Search Filter: ", filter);
-    orv::LdapMsg res;
-    int rc = orv::search(ld, ORV_GROUP_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0, res);
-    if (rc != LDAP_SUCCESS || !res) return 0;
-    // A user listed by two such roles counts as active.
-    return ldap_count_entries(ld, res.get()) == 1 ? 1 : 0;
+    bool inactive = false;
+    const int rc = orv::inactive_user_check(ld, userDn, &inactive);
+    if (rc != LDAP_SUCCESS) return orv::report(rc);
+    return inactive ? 1 : 0;
 }
 
 int _authenticateOSUser(LDAP* ld, const char* uid, const char* passwd) {
@@ -332,9 +451,14 @@ int _authenticateOSUser(LDAP* ld, const char* uid, const char* passwd) {
         ORV_DEBUG("Make sure password is not NULL or empty", "");
         return store(ORV_LDAPLIB_INVALID_INPUT);
     }
-    const std::string value = std::string(uid ? uid : "") + ":" + passwd;
+    std::string value = std::string(uid ? uid : "") + ":" + passwd;
     orv::ExtendedResponse answer;
     int rc = orv::extended_operation(ld, kOsAuthOid, value, &answer);
+    orv::wipe(value);
+    if (orv::check_not_made(rc)) {
+        ORV_DEBUG("The server did not answer the check", rc);
+        return orv::report(rc);
+    }
     if (rc != LDAP_SUCCESS) {
         ORV_DEBUG("Password for the user is wrong", rc);
         return orv::report(LDAP_INVALID_CREDENTIALS);
@@ -350,7 +474,10 @@ int _authenticateOSUser(LDAP* ld, const char* uid, const char* passwd) {
 int attempt_simple_bind(LDAP* ld) {
     ORV_TRACE();
     ORV_DEBUG("User DN: ", _user_id ? _user_id : "");
-    return orv::report(orv::simple_bind(ld, _user_id, _pwd ? _pwd : ""));
+    // Without a DN and a password the bind would be anonymous or
+    // unauthenticated: it would succeed and prove nothing.
+    if (!_user_id || !*_user_id || !_pwd || !*_pwd) return orv::report(LDAP_INVALID_CREDENTIALS);
+    return orv::report(orv::simple_bind(ld, _user_id, _pwd));
 }
 
 }  // extern "C"

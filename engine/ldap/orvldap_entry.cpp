@@ -657,12 +657,11 @@ char* get_databaseId_from_role(LDAPMessage* role_entry, LDAP* ld) {
 char** getRolesOfUser(LDAP* ld, const char* userDN) {
     ORV_TRACE();
     if (ld == nullptr || userDN == nullptr) return nullptr;
-    orv::OrvString stripped(remove_paranthesis_from_string(userDN));
-    orv::OrvString escaped(dn_contains_backslash(stripped.get(), 0));
-    if (!escaped) return nullptr;
-    ORV_DEBUG("Modified DN ", escaped.get());
+    // The DN is compared as a value, whatever characters it holds.
+    const std::string escaped = orv::filter_value(userDN);
+    ORV_DEBUG("Modified DN ", escaped);
     const std::string filter = std::string("(&(objectclass=morvaneRole)(") + "member" +
-                               ORV_CONSTANT_EQUALS + escaped.get() + "))";
+                               ORV_CONSTANT_EQUALS + escaped + "))";
     ORV_DEBUG("Complete Filter", filter);
 
     static const char* const kNoAttrs[] = {LDAP_NO_ATTRS, nullptr};

@@ -235,3 +235,26 @@ void free_radius_config_info(void) {
 }
 
 }  // extern "C"
+
+// ------------------------------------------------------------------ secrets
+
+namespace orv {
+
+void wipe(void* buffer, std::size_t size) {
+    // Writes through a volatile pointer are never left out as dead stores.
+    volatile unsigned char* p = static_cast<volatile unsigned char*>(buffer);
+    for (std::size_t i = 0; p != nullptr && i < size; ++i) p[i] = 0;
+}
+
+void wipe(std::string& text) {
+    if (!text.empty()) wipe(&text[0], text.size());
+    text.clear();
+}
+
+void free_secret(char* secret) {
+    if (secret == nullptr) return;
+    wipe(secret, std::strlen(secret));
+    orvlib_memfree(secret);
+}
+
+}  // namespace orv

@@ -148,7 +148,14 @@ int check_min_diff_characters(int limit, const char* new_password) {
 //                                       its refusals are translated here.
 // A user may change a password when "orvChangePassword" is "on", or when an
 // administrator reset it ("orvPasswordMustChange" "on"); the reset flag goes
-// back to "off" after the change.
+// back to "off" after a change that the server accepted.
+//
+// A change is made only after every check was made and passed: the old
+// password bound (or was refused as expired), the reset flag and the right
+// to change were read.  A check that could not be made refuses the change
+// with its own status.  A refusal by the server is never success: "too
+// short" and 389 DS's "must be at least N characters long" are 3021,
+// "history" 3015, anything else the server's own code.
 // ---------------------------------------------------------------------------
 
 namespace {
@@ -164,29 +171,56 @@ int store(int status) {
 
 // One replace of attribute `name` by the single value `value` on dn.
 int replace_value(LDAP* ld, const char* dn, const char* name, const char* value) {
-    if (!ld) return LDAP_PARAM_ERROR;
     char* vals[] = {const_cast<char*>(value ? value : ""), nullptr};
     LDAPMod mod{};
     mod.mod_op = LDAP_MOD_REPLACE;
     mod.mod_type = const_cast<char*>(name);
     mod.mod_values = vals;
     LDAPMod* mods[] = {&mod, nullptr};
-    return ldap_modify_ext_s(ld, dn ? dn : "", mods, nullptr, nullptr);
+    return orv::modify(ld, dn, mods);
 }
 
-// The server's diagnostic text of the last operation on ld, lower-cased.
-std::string lowered_diagnostic(LDAP* ld) {
-    char* text = nullptr;
-    if (ldap_get_option(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE, &text) != LDAP_OPT_SUCCESS || !text) return {};
-    orv::LdapString owner(text);
-    std::string out(text);
-    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
+std::string lowered(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
 }
+
+bool contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
 
 namespace orv {
+
+int password_refusal_status(int rc, const std::string& serverText) {
+    if (rc != LDAP_CONSTRAINT_VIOLATION) return rc;
+    const std::string text = lowered(serverText);
+    if (contains(text, "history")) return ORV_LDAPLIB_PASSWORD_IN_HISTORY;
+    if (contains(text, "short") || (contains(text, "must be at least") && contains(text, "characters long")))
+        return ORV_LDAPLIB_PASSWORD_TOO_SHORT;
+    return rc;
+}
+
+int change_right_check(LDAP* ld, const char* userDn, bool* may) {
+    *may = false;
+    const char* attrs[] = {"orvChangePassword", nullptr};
+    LdapMsg res;
+    int rc = search(ld, userDn, LDAP_SCOPE_BASE, "objectclass=*", attrs, 0, res);
+    if (rc != LDAP_SUCCESS) return rc;
+    LDAPMessage* entry = res ? ldap_first_entry(ld, res.get()) : nullptr;
+    if (!entry) {
+        rc = last_error(ld);
+        return rc != LDAP_SUCCESS ? rc : LDAP_NO_SUCH_OBJECT;
+    }
+    BerElement* ber = nullptr;
+    LdapString attr(ldap_first_attribute(ld, entry, &ber));
+    BerPtr berOwner(ber);
+    // Only the first value of the first attribute counts.
+    if (attr && first_value(ld, entry, attr.get()) == "on") {
+        ORV_DEBUG("User can change password", "");
+        *may = true;
+    }
+    return LDAP_SUCCESS;
+}
 
 int password_expiry_days(int seconds) {
     const int days = seconds / 86400;  // truncates toward zero
@@ -259,22 +293,10 @@ int orvlib_can_user_change_password(LDAP* ld, const char* uid) {
 
 int can_user_change_password(LDAP* ld, const char* user_dn) {
     ORV_TRACE();
-    const char* attrs[] = {"orvChangePassword", nullptr};
-    orv::LdapMsg res;
-    int rc = orv::search(ld, user_dn, LDAP_SCOPE_BASE, "objectclass=*", attrs, 0, res);
+    bool may = false;
+    const int rc = orv::change_right_check(ld, user_dn, &may);
     if (rc != LDAP_SUCCESS) return orv::report(rc);
-    LDAPMessage* entry = res ? ldap_first_entry(ld, res.get()) : nullptr;
-    if (!entry) return store(orv::last_error(ld));
-    BerElement* ber = nullptr;
-    orv::LdapString attr(ldap_first_attribute(ld, entry, &ber));
-    orv::BerPtr berOwner(ber);
-    if (!attr) return 0;
-    // Only the first value counts.
-    if (orv::first_value(ld, entry, attr.get()) == "on") {
-        ORV_DEBUG("User can change password", "");
-        return 1;
-    }
-    return 0;
+    return may ? 1 : 0;
 }
 
 int orvlib_get_password_expiry_time(LDAP* ld) {
@@ -306,29 +328,41 @@ int orvlib_change_user_password(LDAP* ld, const char* uid, const char* old_passw
     if (!old_password || !*old_password) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
     if (!new_password || !*new_password) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
     if (!dn) dn.reset(orvlib_get_user_dn(uid));
+    if (!dn) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
 
-    const int reset = _isUsersPasswordReset(orv_ld, dn.get());
-    if (reset != 1 && can_user_change_password(orv_ld, dn.get()) != 1)
-        return orv::report(ORV_LDAPLIB_NO_PRIVILEGE);
+    bool reset = false;
+    int rc = orv::password_reset_check(orv_ld, dn.get(), &reset);
+    if (rc != LDAP_SUCCESS) {
+        ORV_DEBUG("Password reset check failed", rc);
+        return orv::report(rc);
+    }
+    if (!reset) {
+        bool may = false;
+        rc = orv::change_right_check(orv_ld, dn.get(), &may);
+        if (rc != LDAP_SUCCESS) {
+            ORV_DEBUG("Change right check failed", rc);
+            return orv::report(rc);
+        }
+        if (!may) return orv::report(ORV_LDAPLIB_NO_PRIVILEGE);
+    }
 
     if (ORV_OPERATION_MODE != 1) {
         int r = _authenticateUserTempConn(dn.get(), old_password);
-        ldapErrCode = r;
-        if (r != 0 && r != ORV_LDAPLIB_PASSWORD_HAS_EXPIRED) return r;
+        if (r != 0 && r != ORV_LDAPLIB_PASSWORD_HAS_EXPIRED) return store(r);
     }
 
+    ldapErrCode = 0;
     const int verdict = validate_password(orv_ld, new_password);
     if (ldapErrCode != 0) return orv::report(ldapErrCode);
+    if (verdict != 1) return orv::report(ORV_LDAPLIB_UNKNOWN_ERROR);
 
-    if (verdict == 1) {
-        int status = change_password_at_server(orv_ld, new_password, dn.get());
-        if (status != 0) return status;  // reported there
+    rc = change_password_at_server(orv_ld, new_password, dn.get());
+    if (rc != 0) return rc;  // reported there; the reset flag stays
+    if (reset) {
+        rc = change_reset_flag(orv_ld, dn.get(), "off");
+        if (rc != 0) return rc;  // reported there
     }
-    if (reset == 1) {
-        int r = change_reset_flag(orv_ld, dn.get(), "off");
-        if (r != 0) ldapErrCode = r;
-    }
-    return orv::report(ldapErrCode);
+    return orv::report(LDAP_SUCCESS);
 }
 
 int validate_password(LDAP* ld, const char* new_password) {
@@ -394,18 +428,13 @@ int get_password_check_syntax_attr_value(LDAP* ld, int* orv_password_max_repeate
 int change_password_at_server(LDAP* ld, const char* new_password, const char* user_dn) {
     ORV_TRACE();
     ORV_DEBUG("User DN: ", user_dn ? user_dn : "");
-    int rc = replace_value(ld, user_dn, "userpassword", new_password);
-    if (rc == LDAP_CONSTRAINT_VIOLATION) {
-        // The server's own words decide; a refusal that names neither
-        // reason leaves the status as it was.
-        const std::string text = lowered_diagnostic(ld);
-        ORV_DEBUG("Server message: ", text);
-        if (text.find("short") != std::string::npos) ldapErrCode = ORV_LDAPLIB_PASSWORD_TOO_SHORT;
-        if (text.find("history") != std::string::npos) ldapErrCode = ORV_LDAPLIB_PASSWORD_IN_HISTORY;
-    } else if (rc != LDAP_SUCCESS) {
-        ldapErrCode = rc;
-    }
-    return orv::report(ldapErrCode);
+    const int rc = replace_value(ld, user_dn, "userpassword", new_password);
+    if (rc == LDAP_SUCCESS) return orv::report(LDAP_SUCCESS);
+    // The server's own words tell the refusals apart; one that names no
+    // known reason is the server's code.
+    const std::string text = orv::diagnostic_message(ld);
+    ORV_DEBUG("Server message: ", text);
+    return orv::report(orv::password_refusal_status(rc, text));
 }
 
 int change_reset_flag(LDAP* ld, const char* user_dn, const char* newval) {
@@ -414,9 +443,9 @@ int change_reset_flag(LDAP* ld, const char* user_dn, const char* newval) {
     int rc = replace_value(ld, user_dn, "orvPasswordMustChange", newval);
     if (rc != LDAP_SUCCESS) {
         ORV_DEBUG("Ldap modify of reset flag failed. Errorcode:", rc);
-        orv::report(rc);
+        return orv::report(rc);
     }
-    return ldapErrCode;
+    return rc;
 }
 
 }  // extern "C"

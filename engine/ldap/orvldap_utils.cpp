@@ -153,6 +153,48 @@ void build_filter(const char* filter, int searchType, char** out, bool paging) {
 
 }  // namespace
 
+namespace orv {
+
+namespace {
+
+bool is_hex(char ch) { return std::isxdigit(static_cast<unsigned char>(ch)) != 0; }
+
+void append_escaped(std::string& out, char ch) {
+    switch (ch) {
+    case '*': out += "\\2a"; break;
+    case '(': out += "\\28"; break;
+    case ')': out += "\\29"; break;
+    case '\\': out += "\\5c"; break;
+    default: out.push_back(ch);
+    }
+}
+
+}  // namespace
+
+std::string filter_value(const std::string& value) {
+    std::string out;
+    out.reserve(value.size() + 8);
+    for (char ch : value) append_escaped(out, ch);
+    return out;
+}
+
+std::string filter_value_from_text(const std::string& value) {
+    std::string out;
+    out.reserve(value.size() + 8);
+    for (std::string::size_type i = 0; i < value.size(); ++i) {
+        const char ch = value[i];
+        if (ch == '\\' && i + 2 < value.size() && is_hex(value[i + 1]) && is_hex(value[i + 2])) {
+            out.append(value, i, 3);
+            i += 2;
+            continue;
+        }
+        append_escaped(out, ch);
+    }
+    return out;
+}
+
+}  // namespace orv
+
 extern "C" {
 
 // ------------------------------------------------------------------ plain string helpers
@@ -476,6 +518,17 @@ std::string logon_term(const char* value) {
 
 using orv::corporate_search_mode;
 
+// An attribute description as a filter may name it: letters, digits, "-",
+// "." and ";" (options), nothing else.
+bool is_attribute_name(const char* name) {
+    if (*name == '\0') return false;
+    for (const char* p = name; *p != '\0'; ++p) {
+        const unsigned char ch = static_cast<unsigned char>(*p);
+        if (!std::isalnum(ch) && ch != '-' && ch != '.' && ch != ';') return false;
+    }
+    return true;
+}
+
 // Hands the result message to the caller when it asked for it; otherwise it
 // is released here.
 void hand_back(orv::LdapMsg& result, LDAPMessage** out) {
@@ -488,7 +541,10 @@ extern "C" {
 
 // DN of the first person whose uid or cn (or the given naming attribute, or in
 // corporate search mode the partition's logon attribute) equals id.  The id
-// is put into the filter as given.  NULL when nothing is found.
+// is a value: wildcards and parentheses in it match themselves (escapes it
+// already holds are kept).  NULL when nothing is found, with the search's
+// status stored (0 when it found nothing); a naming attribute that is no
+// attribute name gives 87 without a search.
 char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn) {
     ORV_TRACE();
     const std::clock_t started = std::clock();
@@ -496,6 +552,13 @@ char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn) 
         orv::report(ORV_LDAPLIB_INVALID_INPUT);
         return nullptr;
     }
+    if (rdn != nullptr && !is_attribute_name(rdn)) {
+        ORV_DEBUG("Not an attribute name: ", rdn);
+        orv::report(orv::kFilterError);
+        return nullptr;
+    }
+    const std::string value = orv::filter_value_from_text(id);
+    id = value.c_str();
     if (base == nullptr)
         base = (corporate_search_mode() && CORP_PEOPLE_SEARCH_BASE != nullptr)
                    ? CORP_PEOPLE_SEARCH_BASE
@@ -531,23 +594,22 @@ char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn) 
     return dn ? _orvlib_dupString(dn.get()) : nullptr;
 }
 
-// DN of the group named cn (a bare name or "cn=..." filter); a text that is
-// already a DN is handed back with its unbalanced parentheses escaped.
+// DN of the group named cn (a bare name, or "cn=" name, with or without outer
+// parentheses); a text that is already a DN is handed back with its
+// unbalanced parentheses escaped.  The name is compared as a value.
 char* getDNFromGroupCN(LDAP* ld, const char* cn, const char* base) {
     ORV_TRACE();
     if (cn == nullptr) return nullptr;
     if (string_is_dn(cn) == 1) return remove_paranthesis_from_string(cn);
     if (ld == nullptr) return nullptr;
 
-    const std::string name(cn);
-    std::string filter =
+    std::string name(cn);
+    if (!name.empty() && name.front() == '(') name.erase(0, 1);
+    if (!name.empty() && name.back() == ')') name.pop_back();
+    if (lowered(name).compare(0, 3, "cn=") == 0) name.erase(0, 3);
+    const std::string filter =
         "(&(|(objectclass=morvaneGroup)(objectclass=group)(objectclass=groupofUniqueNames)"
-        "(objectclass=groupOfNames))";
-    if (name.find('(') == std::string::npos) filter += "(";
-    if (lowered(name).find("cn=") == std::string::npos) filter += "cn=";
-    filter += name;
-    if (name.find(')') == std::string::npos) filter += ")";
-    filter += ")";
+        "(objectclass=groupOfNames))(cn=" + orv::filter_value_from_text(name) + "))";
     ORV_DEBUG("CN: ", filter);
 
     if (base == nullptr)
@@ -646,10 +708,10 @@ int is_standalone_group(LDAP* ld, const char* filter, char** groupDN) {
 // not a member, -1 when it cannot be checked.
 int isValidMetaGroupMember(const char* dn, int kind) {
     ORV_TRACE();
-    orv::OrvString member(dn_contains_backslash(dn, 0));
-    ORV_DEBUG("Corporate Message DN ", dn);
-    ORV_DEBUG("Modified DN:", member.get());
-    if (corporate_admin_ld == nullptr || !member || PARTITION_INFO == nullptr) return -1;
+    ORV_DEBUG("Corporate Message DN ", dn ? dn : "");
+    if (corporate_admin_ld == nullptr || dn == nullptr || PARTITION_INFO == nullptr) return -1;
+    const std::string member = orv::filter_value(dn);
+    ORV_DEBUG("Modified DN:", member);
     if (PARTITION_INFO->partition_search_base_type != 2) return 0;
 
     const char* meta_group;
@@ -664,7 +726,7 @@ int isValidMetaGroupMember(const char* dn, int kind) {
 
     const bool vlv = mechanism == ORV_VLV;
     const std::string filter =
-        std::string(vlv ? "uniquemember" : "member") + ORV_CONSTANT_EQUALS + member.get();
+        std::string(vlv ? "uniquemember" : "member") + ORV_CONSTANT_EQUALS + member;
     ORV_DEBUG("Metagroup Member Filter: ", filter);
     ORV_DEBUG("Meta group object DN", meta_group);
 
@@ -673,7 +735,7 @@ int isValidMetaGroupMember(const char* dn, int kind) {
                          1, result);
     if (rc != LDAP_SUCCESS && vlv) {
         LDAPMessage* other = nullptr;
-        rc = searchForOtherMemberAttribute(meta_group, member.get(), &other);
+        rc = searchForOtherMemberAttribute(meta_group, dn, &other);
         result.reset(other);
     }
     if (rc != LDAP_SUCCESS) {
@@ -684,7 +746,7 @@ int isValidMetaGroupMember(const char* dn, int kind) {
     if (!vlv) return 32;
 
     LDAPMessage* other = nullptr;
-    rc = searchForOtherMemberAttribute(meta_group, member.get(), &other);
+    rc = searchForOtherMemberAttribute(meta_group, dn, &other);
     result.reset(other);
     if (rc != LDAP_SUCCESS) {
         orv::report(rc);
@@ -693,14 +755,16 @@ int isValidMetaGroupMember(const char* dn, int kind) {
     return ldap_first_entry(corporate_admin_ld, result.get()) != nullptr ? 0 : 32;
 }
 
-// Base search of the meta group for "member=" memberDN on the corporate
-// administrative connection.  *res receives the result (caller frees).
+// Base search of the meta group for "member=" memberDN (escaped here) on the
+// corporate administrative connection.  *res receives the result (caller
+// frees).
 int searchForOtherMemberAttribute(const char* metaGroupDN, const char* memberDN,
                                   LDAPMessage** res) {
     ORV_TRACE();
     if (res != nullptr) *res = nullptr;
     if (metaGroupDN == nullptr || memberDN == nullptr) return ORV_LDAPLIB_INVALID_INPUT;
-    const std::string filter = std::string("member") + ORV_CONSTANT_EQUALS + memberDN;
+    const std::string filter =
+        std::string("member") + ORV_CONSTANT_EQUALS + orv::filter_value(memberDN);
     ORV_DEBUG("Filter: ", filter);
     orv::LdapMsg result;
     const int rc = orv::search(corporate_admin_ld, metaGroupDN, LDAP_SCOPE_BASE, filter.c_str(),

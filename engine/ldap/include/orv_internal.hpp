@@ -10,6 +10,7 @@
 #include <lber.h>
 #include <ldap.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -104,6 +105,14 @@ inline bool corporate_search_mode() { return ORV_OPERATION_MODE == 1 && ORV_OP_M
 inline bool meta_groups_configured() {
     return PARTITION_INFO && PARTITION_INFO->partition_search_base_type == 2;
 }
+
+// Secrets (passwords, credentials) are overwritten with zeros before their
+// memory goes back: wipe() clears a buffer or a std::string in a way the
+// compiler does not optimise away; free_secret() clears a string made by the
+// library allocator and releases it with orvlib_memfree (NULL is ignored).
+void wipe(void* buffer, std::size_t size);
+void wipe(std::string& text);
+void free_secret(char* secret);
 
 // Stores status in ldapErrCode, logs it through orvlib_get_last_error and
 // returns it.

@@ -21,22 +21,30 @@ extern "C" {
 
 /* ---- user authentication ---- */
 
-/* Checks a user of the library's own directory (password on a temporary
- * connection, inactive role, reset flag); replaces _user_id and _pwd. */
+/* Checks a user of the library's own directory (inactive role, password on a
+ * temporary connection, reset flag); keeps _user_id and _pwd when the
+ * directory answered, leaves them when a check could not be made (that
+ * check's status is returned). */
 ORV_API int _authenticateNonCorporateUser(LDAP* ld, const char* uid, const char* passwd);
 /* Checks a user of the corporate partition; on success corporate_user_ld is
- * a new connection bound as the user. */
+ * a new connection bound as the user (corporate_admin_ld is never rebound).
+ * An empty password is refused (3009, or 49 without a bind where the
+ * partition allows blank passwords). */
 ORV_API int _authenticateCorporateUser(LDAP* ld, const char* uid, const char* passwd);
 /* Asks the server to check an operating-system account ("login:password"). */
 ORV_API int _authenticateOSUser(LDAP* ld, const char* uid, const char* passwd);
 /* Simple bind as userDn on a short-lived connection with the password policy
  * request control: 3014 expired, 3020 locked, otherwise the bind's result.
- * 80 (not stored) when no connection could be opened. */
+ * Without a bind result there is no success: 81 or 91 when no connection
+ * could be made, 85 when no answer came within orv::g_timeout_seconds (the
+ * bind is abandoned), the decoding status when the answer could not be
+ * read.  An empty password gives 49 without a bind.  Always stored. */
 ORV_API int _authenticateUserTempConn(const char* userDn, const char* password);
 /* 1 when "orvPasswordMustChange" holds exactly "on", 0 when not, otherwise
- * the search's error code. */
+ * the search's error code (32 when the entry cannot be read). */
 ORV_API int _isUsersPasswordReset(LDAP* ld, const char* user_dn);
-/* 1 when exactly one "Inactive User" role lists the user as member. */
+/* 1 when one or more "Inactive User" roles list the user as member, 0 when
+ * none does, otherwise the search's error code. */
 ORV_API int _isUserInactive(LDAP* ld, const char* userDn);
 /* Simple-binds ld as _user_id with _pwd; the result is recorded. */
 ORV_API int attempt_simple_bind(LDAP* ld);
@@ -78,7 +86,7 @@ ORV_API int get_database_id_from_repository_id(LDAP* ld, const char* repositoryI
 /* ---- password policy and change ---- */
 
 /* 1 when the user's "orvChangePassword" first value is exactly "on", 0 when
- * not, otherwise a status. */
+ * not, otherwise the search's status (32 when the entry cannot be read). */
 ORV_API int can_user_change_password(LDAP* ld, const char* user_dn);
 /* 1 when new_password passes the syntax rules of the library's password
  * policy (or the rules are off); otherwise the failed rule's status (3036,
@@ -91,8 +99,10 @@ ORV_API int get_password_check_syntax_attr_value(LDAP* ld, int* orv_password_max
                                                  int* orv_password_min_diff_chars,
                                                  int* orv_password_min_num_chars,
                                                  int* orv_password_min_symbol_chars);
-/* Replaces the user's password; the server's refusals "too short" and
- * "history" become 3021 and 3015. */
+/* Replaces the user's password: 0 only when the server accepted it.  The
+ * server's refusals "too short" (and "must be at least N characters long")
+ * and "history" become 3021 and 3015; any other refusal is the server's
+ * code. */
 ORV_API int change_password_at_server(LDAP* ld, const char* new_password, const char* user_dn);
 ORV_API int change_reset_flag(LDAP* ld, const char* user_dn, const char* newval);
 /* Appends the server password policy's attributes to *entry. */
@@ -105,11 +115,37 @@ ORV_API int add_server_password_attributes(LDAP* ld, ORVLibEntry** entry);
 
 namespace orv {
 
+// True for the statuses that say a check could not be made (client-side
+// codes 81 to 97: server down, time-out, connect error, ...) rather than
+// what the directory answered.
+bool check_not_made(int status);
+
+// Corporate mode: results of the corporate check after which the library's
+// own directory is not tried (success, wrong password, a bind that could
+// not be made).
+bool corporate_answer_is_final(int status);
+
+// The inactive-user and reset-flag checks: status of the search (0 when the
+// check was made) and the answer in the out-argument, false unless the
+// check was made.
+int inactive_user_check(LDAP* ld, const char* userDn, bool* inactive);
+int password_reset_check(LDAP* ld, const char* userDn, bool* reset);
+
 // Corporate mode: checks a user the corporate partition could not
 // authenticate in the library's own directory (standalone mode and search
 // mechanism for the duration); on success corporate_user_ld becomes
 // corporate_admin_ld.
 int authenticate_locally_in_corporate_mode(const char* uid, const char* passwd);
+
+// Status of a refused password change: the server's code, except that a
+// constraint violation whose text says the password is too short ("short",
+// "must be at least N characters long") is 3021 and one that names the
+// history is 3015 (history first).
+int password_refusal_status(int rc, const std::string& serverText);
+
+// The right to change a password ("orvChangePassword" "on"): status of the
+// read (32 when the entry cannot be read) and the answer.
+int change_right_check(LDAP* ld, const char* userDn, bool* may);
 
 // Whole days before a password expires, rounded up for positive numbers of
 // seconds; 0 and negative numbers are truncated toward zero.

@@ -46,6 +46,9 @@ ORV_API void get_User_State(ORVLibEntry* entry, char** out);
 
 /* Helpers that ask a directory.  Strings returned are new (orvlib_memfree);
  * result messages handed back are freed by the caller (ldap_msgfree). */
+/* getDNFromUid and getDNFromGroupCN put the id or name into their filters as
+ * a value (orv::filter_value_from_text): wildcards and parentheses match
+ * themselves. */
 ORV_API char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn);
 ORV_API char* getDNFromGroupCN(LDAP* ld, const char* cn, const char* base);
 ORV_API int isGroupDN(LDAP* ld, const char* dn, LDAPMessage** entry, LDAPMessage** res);
@@ -75,6 +78,25 @@ ORV_API int check_min_diff_characters(int limit, const char* new_password);
 
 #ifdef __cplusplus
 }
+
+#include <string>
+
+namespace orv {
+
+/* A value as it goes into a search filter (RFC 4515): "*", "(", ")" and
+ * "\" become \2a, \28, \29 and \5c, so that whatever a caller typed (a
+ * login name, a group name, a DN) is compared as it is and never changes
+ * the filter around it.  Every filter built from a caller's uid, DN or name
+ * puts its values through this. */
+std::string filter_value(const std::string& value);
+
+/* The same for a value cut out of a caller's filter text, which may already
+ * hold RFC 4515 escapes: a backslash followed by two hexadecimal digits is
+ * kept as the escape it is; every other "*", "(", ")" and "\" is escaped.
+ * filter_value's output passes through unchanged. */
+std::string filter_value_from_text(const std::string& value);
+
+}  // namespace orv
 #endif
 
 #endif /* ORVLDAP_UTILS_H */
