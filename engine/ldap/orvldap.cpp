@@ -90,6 +90,11 @@ LDAP* open_local_connection(const char* host, int port, int ssl, bool checkSslIn
         ORV_DEBUG("LDAP Handle obtained in non-SSL mode", "");
     }
 
+    // Neither plain nor SSL: nothing was opened to go on with.
+    if (!ld) {
+        orv::report(ORV_LDAPLIB_SESSION_INVALID);
+        return nullptr;
+    }
     int rc = orv::prepare_handle(ld);
     if (rc != 0) {
         orv::report(rc);
