@@ -205,7 +205,7 @@ void free_partition_info(void) {
     if (ORV_OPERATION_MODE == 1 && PARTITION_INFO != nullptr) {
         partition_info* info = PARTITION_INFO;
         orvlib_memfree(info->admin_dn);
-        orvlib_memfree(info->admin_pwd);
+        orv::free_secret(info->admin_pwd);
         orvlib_memfree(info->hostname);
         orvlib_memfree(info->description);
         orvlib_memfree(info->user_logon_attribute_name);
@@ -226,7 +226,7 @@ void free_radius_config_info(void) {
     if (ORVLIB_IS_RADIUS_CONFIGURED == 1 && RADIUS_INFO != nullptr) {
         radius_info* info = RADIUS_INFO;
         orvlib_memfree(info->radius_hostname);
-        orvlib_memfree(info->radius_secret);
+        orv::free_secret(info->radius_secret);
         // The record goes back to the platform directly; its count stays.
         std::free(info);
         RADIUS_INFO = nullptr;
