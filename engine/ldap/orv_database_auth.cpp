@@ -116,7 +116,7 @@ int orvlib_authenticate_database_user(LDAP* ld, const char* uid, const char* pas
     ORV_DEBUG("Uid: ", uid ? uid : "");
     ORV_DEBUG("Password", passwd ? passwd : "");
     ORV_DEBUG("Repository ID", repository_id ? repository_id : "");
-    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    if (!ld || !orv_ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
     // The login name goes into filters as an escaped value and into the DN
     // with the DN escapes: it is used as given.
     const char* login = uid;

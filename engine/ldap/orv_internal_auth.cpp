@@ -265,7 +265,7 @@ extern "C" {
 
 int orvlib_authenticate_user(LDAP* ld, const char* uid, const char* passwd) {
     ORV_TRACE();
-    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    if (!ld || !orv_ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
     ORV_DEBUG("Uid: ", uid ? uid : "");
     ORV_DEBUG("Password", passwd ? passwd : "");
 

@@ -315,7 +315,7 @@ int orvlib_change_user_password(LDAP* ld, const char* uid, const char* old_passw
                                 const char* new_password) {
     ORV_TRACE();
     ldapErrCode = 0;
-    if (!ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
+    if (!ld || !orv_ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
 
     orv::OrvString dn;
     if (ORV_OPERATION_MODE == 1) {

@@ -40,6 +40,9 @@ void expect_no_session(LDAP* stale, const char* when) {
     EXPECT_EQ(orvlib_first_entry(stale, &entry, nullptr), nullptr);
     EXPECT_EQ(ldapErrCode, 3007) << when;
     EXPECT_EQ(entry, nullptr);
+    EXPECT_EQ(orvlib_authenticate_user(stale, "alice", "Secret123!"), 3007) << when;
+    EXPECT_EQ(orvlib_authenticate_database_user(stale, "alice", "Secret123!", "r"), 3007) << when;
+    EXPECT_EQ(orvlib_change_user_password(stale, "alice", "Secret123!", "Other456!"), 3007) << when;
     // The status probe comes last in the sweep: it may open the connection
     // again.
     for (const auto& [name, outcome] : orvtest::run_all(stale)) {
