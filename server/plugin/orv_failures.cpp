@@ -37,15 +37,15 @@ FailureLimit::Decision FailureLimit::begin(const std::string& account, std::int6
     return Decision::allowed;
 }
 
-void FailureLimit::finish(const std::string& account, std::int64_t now, bool failed) {
+void FailureLimit::finish(const std::string& account, std::int64_t now, Result result) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = records_.find(account);
     if (it == records_.end()) return;
     Record& r = it->second;
     if (r.running > 0) --r.running;
-    if (failed) {
+    if (result == Result::failed) {
         r.failures.push_back(now);
-    } else {
+    } else if (result == Result::succeeded) {
         r.failures.clear();
     }
     if (r.failures.empty() && r.running == 0) records_.erase(it);

@@ -25,9 +25,11 @@ public:
     // Every "allowed" must be followed by finish().
     Decision begin(const std::string& account, std::int64_t now, unsigned max_failures,
                    std::int64_t window);
-    // Ends a check begun with begin(): a failure is recorded; a success
-    // clears the account's record.
-    void finish(const std::string& account, std::int64_t now, bool failed);
+    // How a check begun with begin() ended: a wrong password is recorded, a
+    // right one clears the account's record, anything else (a right password
+    // for an account that may not log in, a broken PAM stack) leaves it.
+    enum class Result { failed, succeeded, inconclusive };
+    void finish(const std::string& account, std::int64_t now, Result result);
 
     // Accounts tracked now (for tests).
     std::size_t size() const;

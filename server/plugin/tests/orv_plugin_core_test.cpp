@@ -333,26 +333,32 @@ TEST(FailureLimit, RefusesAfterTheLimitUntilTheWindowPasses) {
     using D = FailureLimit::Decision;
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(limit.begin("alice", 1000 + i, 5, 300), D::allowed) << i;
-        limit.finish("alice", 1000 + i, true);
+        limit.finish("alice", 1000 + i, FailureLimit::Result::failed);
     }
     EXPECT_EQ(limit.begin("alice", 1010, 5, 300), D::locked);
     // Another account is not affected.
     ASSERT_EQ(limit.begin("bob", 1010, 5, 300), D::allowed);
-    limit.finish("bob", 1010, false);
+    limit.finish("bob", 1010, FailureLimit::Result::succeeded);
     EXPECT_EQ(limit.size(), 1u) << "a success leaves nothing behind";
     // The first failure (at 1000) leaves the window at 1300.
     EXPECT_EQ(limit.begin("alice", 1299, 5, 300), D::locked);
     ASSERT_EQ(limit.begin("alice", 1300, 5, 300), D::allowed);
-    limit.finish("alice", 1300, true);
+    limit.finish("alice", 1300, FailureLimit::Result::failed);
     EXPECT_EQ(limit.begin("alice", 1300, 5, 300), D::locked);
     // A success clears the account.
     ASSERT_EQ(limit.begin("carol", 1, 2, 300), D::allowed);
-    limit.finish("carol", 1, true);
+    limit.finish("carol", 1, FailureLimit::Result::failed);
     ASSERT_EQ(limit.begin("carol", 2, 2, 300), D::allowed);
-    limit.finish("carol", 2, false);
+    limit.finish("carol", 2, FailureLimit::Result::succeeded);
     ASSERT_EQ(limit.begin("carol", 3, 2, 300), D::allowed);
-    limit.finish("carol", 3, true);
-    EXPECT_EQ(limit.begin("carol", 4, 2, 300), D::allowed);
+    limit.finish("carol", 3, FailureLimit::Result::failed);
+    // An inconclusive check (right password, account refused) neither counts
+    // nor clears.
+    ASSERT_EQ(limit.begin("carol", 4, 2, 300), D::allowed);
+    limit.finish("carol", 4, FailureLimit::Result::inconclusive);
+    ASSERT_EQ(limit.begin("carol", 5, 2, 300), D::allowed);
+    limit.finish("carol", 5, FailureLimit::Result::failed);
+    EXPECT_EQ(limit.begin("carol", 6, 2, 300), D::locked);
 }
 
 TEST(FailureLimit, RunningChecksCountAndCapacityIsBounded) {
@@ -362,15 +368,15 @@ TEST(FailureLimit, RunningChecksCountAndCapacityIsBounded) {
     ASSERT_EQ(limit.begin("a", 0, 2, 60), D::allowed);
     ASSERT_EQ(limit.begin("a", 0, 2, 60), D::allowed);
     EXPECT_EQ(limit.begin("a", 0, 2, 60), D::locked);
-    limit.finish("a", 0, true);
-    limit.finish("a", 0, true);
+    limit.finish("a", 0, FailureLimit::Result::failed);
+    limit.finish("a", 0, FailureLimit::Result::failed);
     ASSERT_EQ(limit.begin("b", 0, 2, 60), D::allowed);
-    limit.finish("b", 0, true);
+    limit.finish("b", 0, FailureLimit::Result::failed);
     // Both slots hold live failures: a third account cannot be tracked.
     EXPECT_EQ(limit.begin("c", 10, 2, 60), D::full);
     // Once they have aged out, the slots are reused.
     ASSERT_EQ(limit.begin("c", 61, 2, 60), D::allowed);
-    limit.finish("c", 61, true);
+    limit.finish("c", 61, FailureLimit::Result::failed);
     EXPECT_EQ(limit.size(), 1u);
 }
 
