@@ -2,12 +2,15 @@
  * orvdemo - a short tour of orvlib.  Without a directory it shows status
  * texts, a generated GUID and how typed filters are repaired.  Given a
  * directory (orvdemo HOST PORT [SSLPORT CERTDIR]) it opens a session, plain
- * and then over SSL, and shows what the server reports.
+ * and then over SSL, shows what the server reports, searches people and
+ * groups, and registers an application server with a facility, prints its
+ * URLs and removes both again.
  */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <orvldap.h>
+#include <orvldap_registry.h>
 #include <orvldap_utils.h>
 
 static void show_status(int code) {
@@ -171,6 +174,73 @@ static int show_searches(const char* host, int port) {
     return failures;
 }
 
+/* Prints a NULL-terminated list of URLs. */
+static void print_urls(const char* title, char** urls) {
+    printf("  %s\n", title);
+    for (; urls && *urls; ++urls) printf("    %s\n", *urls);
+}
+
+/* Registers an application server with one facility, prints the facility's
+ * URLs and removes both again. */
+static int show_registry(const char* host, int port) {
+    static const char* URN = "urn:orv:zorla:object:42";
+    ORVLibInfo* info = NULL;
+    ORVLibEntry* server;
+    ORVLibEntry* facility;
+    char** urls;
+    char** ids;
+    char* text = NULL;
+    LDAP* ld;
+    int rc, failures = 0;
+
+    printf("\nApplication registry\n");
+    orvlib_init();
+    ld = orvlib_getsession_context(host, port, &info, 0);
+    if (!ld) {
+        printf("  session failed: %d\n", ldapErrCode);
+        orvlib_uninitialize_lib();
+        return 1;
+    }
+    server = orvlib_register_application_server(ld, ORV_TOOL_2, NULL, NULL);
+    facility = server ? orvlib_add_application_facility(ld, server, "http://zorla.demo.test/app",
+                                                        ORV_FACILITY_STATUS_ON, ORV_FACILITY_WEB_CLIENT)
+                      : NULL;
+    if (!server || !facility) {
+        orvlib_get_last_error(NULL, &text);
+        printf("  registration failed: %d %s\n", ldapErrCode, text ? text : "");
+        orvlib_memfree(text);
+        failures = 1;
+    } else {
+        ids = orvlib_get_entry_vals(server, 22);
+        printf("  server registered      %s\n", ids && ids[0] ? ids[0] : "");
+        orvlib_free_values(ids);
+        ids = orvlib_get_entry_vals(facility, 22);
+        printf("  facility added         %s\n", ids && ids[0] ? ids[0] : "");
+        orvlib_free_values(ids);
+        urls = orvlib_generate_application_facility_urls(ld, facility, URN);
+        print_urls("URLs of the facility:", urls);
+        orvlib_free_values(urls);
+        urls = orvlib_generate_application_facility_urls(ld, server, URN);
+        print_urls("URLs of the server:", urls);
+        orvlib_free_values(urls);
+    }
+    if (server) {
+        rc = orvlib_remove_object_entry(ld, server);
+        printf("  server and facility removed: %d\n", rc);
+        if (rc != 0) failures = 1;
+    }
+    orvlib_orvlibentry_free(facility);
+    orvlib_orvlibentry_free(server);
+    if (info) {
+        orvlib_memfree((void*)info->orv_server_version);
+        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
+        orvlib_orvlibinfo_free(info);
+    }
+    orvlib_unbind(ld);
+    orvlib_uninitialize_lib();
+    return failures;
+}
+
 static int online_demo(int argc, char** argv) {
     int failures = 0;
     printf("\nSessions:\n");
@@ -180,6 +250,7 @@ static int online_demo(int argc, char** argv) {
         failures += show_session(argv[1], atoi(argv[3]), 1);
     }
     failures += show_searches(argv[1], atoi(argv[2]));
+    failures += show_registry(argv[1], atoi(argv[2]));
     return failures;
 }
 
