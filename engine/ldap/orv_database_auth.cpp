@@ -137,12 +137,13 @@ int orvlib_authenticate_database_user(LDAP* ld, const char* uid, const char* pas
     }
     if (!AUTH_USER_ORVLIBENTRY) return orv::report(status);
 
+    // No repository (or an unknown one): no database and no factors.  A
+    // look-up that could not be made decides nothing.
     char* rawDatabaseId = nullptr;
-    int rc = get_database_id_from_repository_id(orv_ld, repository_id, &rawDatabaseId);
+    int rc = LDAP_SUCCESS;
+    if (repository_id && *repository_id) rc = get_database_id_from_repository_id(orv_ld, repository_id, &rawDatabaseId);
     orv::OrvString databaseId(rawDatabaseId);
     orv::report(rc);
-    // An unknown repository has no database and no factors; a look-up that
-    // could not be made decides nothing.
     if (rc != LDAP_SUCCESS && rc != LDAP_NO_SUCH_OBJECT) return rc;
 
     status = check_and_perform_system_login_2factor_authentication(orv_ld, login, databaseId.get());

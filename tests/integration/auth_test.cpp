@@ -122,7 +122,7 @@ TEST_F(AuthTest, LocalPasswordCheckKeepsTheCredentials) {
     EXPECT_EQ(attempt_simple_bind(other), 0);
     ldap_unbind_ext_s(other, nullptr, nullptr);
 
-    // Replaced before the password is known to be right.
+    // Replaced once the directory has answered, also with a refusal.
     EXPECT_EQ(auth("bob", "wrong-password1"), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(str(_user_id), dir().user_dn("bob"));
     EXPECT_EQ(str(_pwd), "wrong-password1");
@@ -139,15 +139,19 @@ TEST_F(AuthTest, LocalPasswordCheckKeepsTheCredentials) {
 TEST_F(AuthTest, InactiveRoleAndResetFlag) {
     EXPECT_EQ(auth("dave", kUserPw), ORV_LDAPLIB_INACTIVE_USER);
 
-    // Listed by two "Inactive User" roles: not treated as inactive.
+    // Listed by two "Inactive User" roles: inactive as well.
     Root root(dir());
     const std::string second = "cn=Inactive User,ou=Groups," + dir().suffix();
     dir().apply_ldif("dn: " + second +
                      "\nchangetype: add\nobjectClass: top\nobjectClass: morvaneRole\ncn: Inactive User\n"
                      "member: " + dir().user_dn("dave") + "\n");
-    EXPECT_EQ(auth("dave", kUserPw), 0);
+    EXPECT_EQ(auth("dave", kUserPw), ORV_LDAPLIB_INACTIVE_USER);
+    EXPECT_EQ(_isUserInactive(orv_ld, dir().user_dn("dave").c_str()), 1);
     ASSERT_EQ(root.remove(second), 0);
     EXPECT_EQ(auth("dave", kUserPw), ORV_LDAPLIB_INACTIVE_USER);
+    EXPECT_EQ(_isUserInactive(orv_ld, dir().user_dn("alice").c_str()), 0);
+    // A check that cannot be made answers its status, not "active".
+    EXPECT_EQ(_isUserInactive(nullptr, dir().user_dn("dave").c_str()), 89);
 
     // Only "on" exactly means the password was reset.
     EXPECT_EQ(auth("erin", kUserPw), ORV_LDAPLIB_PASSWORD_HAS_BEEN_RESET);
@@ -181,16 +185,21 @@ TEST_F(AuthTest, PasswordPolicyResponses) {
     EXPECT_EQ(auth("pplocked", kUserPw), ORV_LDAPLIB_ACCOUNT_LOCKED);
 }
 
-TEST_F(AuthTest, UnreachableTemporaryConnectionKeepsThePreviousStatus) {
-    EXPECT_EQ(auth("bob", "wrong-password1"), LDAP_INVALID_CREDENTIALS);
+TEST_F(AuthTest, UnreachableTemporaryConnectionRefusesWithItsStatus) {
+    EXPECT_EQ(auth("bob", kUserPw), 0);
     const int port = orv_Port;
     orv_Port = Directory::free_port();
-    EXPECT_EQ(_authenticateUserTempConn(dir().user_dn("alice").c_str(), kUserPw), LDAP_OTHER);
-    EXPECT_EQ(ldapErrCode, LDAP_INVALID_CREDENTIALS);
-    // The check stored nothing: the caller returns the status as it stands.
-    EXPECT_EQ(auth("alice", kUserPw), LDAP_INVALID_CREDENTIALS);
+    // Stored: the caller never sees the status of an earlier call.
+    EXPECT_EQ(_authenticateUserTempConn(dir().user_dn("alice").c_str(), kUserPw), 81);  // server down
+    EXPECT_EQ(ldapErrCode, 81);
+    ldapErrCode = 0;
+    EXPECT_EQ(auth("alice", kUserPw), 81);
+    EXPECT_EQ(str(_user_id), dir().user_dn("bob")) << "nothing kept from a check that was not made";
+    EXPECT_EQ(str(_pwd), kUserPw);
     orv_Port = port;
     EXPECT_EQ(auth("alice", kUserPw), 0);
+    // An empty password never reaches a bind.
+    EXPECT_EQ(_authenticateUserTempConn(dir().user_dn("alice").c_str(), ""), LDAP_INVALID_CREDENTIALS);
 }
 
 // ------------------------------------------------------------------ operating-system accounts
@@ -257,9 +266,10 @@ TEST_F(CorporateTest, CorporateUserIsBoundOnTheCorporateServer) {
     EXPECT_EQ(str(_user_id), corp_dn("alice"));
 
     // A wrong corporate password is final: the local directory is not tried.
-    // (The administrative connection is left unbound by the failed bind.)
     EXPECT_EQ(auth("mjones", "wrong-password1"), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(str(_user_id), corp_dn("mjones"));
+    // The administrative connection was never rebound: the next look-up works.
+    EXPECT_EQ(auth("jsmith", kUserPw), 0);
 
     // Without the administrative connection the corporate check cannot run.
     LDAP* admin = corporate_admin_ld;
@@ -307,14 +317,15 @@ TEST_F(CorporateTest, MetaGroupAndBlankPasswordSettings) {
     EXPECT_EQ(auth("pbrown", kUserPw), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(str(_user_id), dir().user_dn("pbrown"));
 
-    // A partition that allows blank passwords sends them to the server.
+    // A partition that allows blank passwords: an empty password is wrong
+    // without a bind (it would be an unauthenticated bind), and kept nowhere.
     session_.close();
     seed_corporate({{"corp_blank_pw", "on"}});
     open();
     ASSERT_EQ(PARTITION_INFO->partition_allows_blank_password, 1);
     EXPECT_EQ(_authenticateCorporateUser(orv_ld, "jsmith", ""), LDAP_INVALID_CREDENTIALS);
-    EXPECT_EQ(str(_user_id), corp_dn("jsmith"));
-    EXPECT_EQ(str(_pwd), "");
+    EXPECT_EQ(_user_id, nullptr);
+    EXPECT_EQ(_pwd, nullptr);
 
     session_.close();
     seed_corporate({});

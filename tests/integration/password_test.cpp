@@ -143,9 +143,9 @@ TEST_F(PasswordTest, ServerRefusesTooShortAndPasswordsInHistory) {
     EXPECT_EQ(bind_as(dir(), dn, kUserPw), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(change("ppchange", kNewPw, kUserPw), ORV_LDAPLIB_PASSWORD_IN_HISTORY);
 
-    // A refusal that names neither reason leaves the status as it was: the
-    // change is reported as done although the server kept the password.
-    EXPECT_EQ(change("ppchange", kNewPw, "abcdefg1"), 0);
+    // A refusal that names neither reason is the server's own code, never
+    // success.
+    EXPECT_EQ(change("ppchange", kNewPw, "abcdefg1"), LDAP_CONSTRAINT_VIOLATION);
     EXPECT_EQ(bind_as(dir(), dn, "abcdefg1"), LDAP_INVALID_CREDENTIALS);
     EXPECT_EQ(bind_as(dir(), dn, kNewPw), 0);
 }
