@@ -500,11 +500,16 @@ TEST_F(AuthTest, RadiusFactorAgainstFreeRadius) {
     EXPECT_EQ(orvlib_authenticate_radius_user(ld(), "bob", "bob-otp"), 0);
     EXPECT_EQ(orvlib_authenticate_radius_user(ld(), "bob", ""), ORV_LDAPLIB_INVALID_INPUT);
 
-    // RADIUS server unreachable.
+    // RADIUS server unreachable (configured in the directory: the server
+    // asks configured RADIUS servers only).
     set_plugin("orvRadiusTimeout", "300");
     set_plugin("orvRadiusAttempts", "1");
     const int port = RADIUS_INFO->radius_port_number;
+    const std::string radiusDn = "cn=RadiusServer,ou=RadiusConfiguration,ou=Config," + dir().suffix();
     RADIUS_INFO->radius_port_number = free_udp_port();
+    Root radiusConfig(dir());
+    ASSERT_EQ(radiusConfig.set(radiusDn, "orvRadiusServerPortNumber",
+                               std::to_string(RADIUS_INFO->radius_port_number)), 0);
     EXPECT_EQ(orvlib_authenticate_radius_user(ld(), "bob", "bob-otp"), ORV_LDAPLIB_RADIUS_ERROR);
     EXPECT_STREQ(radius_err_str, "Unable to connect to radius server\n");
     char* text = nullptr;
@@ -512,6 +517,7 @@ TEST_F(AuthTest, RadiusFactorAgainstFreeRadius) {
     EXPECT_STREQ(text, "Unable to connect to radius server\n");
     orvlib_memfree(text);
     RADIUS_INFO->radius_port_number = port;
+    ASSERT_EQ(radiusConfig.set(radiusDn, "orvRadiusServerPortNumber", std::to_string(port)), 0);
     set_plugin("orvRadiusTimeout", "2000");
     set_plugin("orvRadiusAttempts", "3");
 
