@@ -274,3 +274,55 @@ TEST(SsoTokenRecord, KeyMustBeExactAndValuePresent) {
     EXPECT_EQ(orvlib_validate_sso_token(nullptr, nullptr, nullptr),
               static_cast<unsigned long>(ORV_LDAPLIB_SESSION_INVALID));
 }
+
+TEST(PasswordRefusal, ServerWordsDecideTheStatus) {
+    // 389 DS's length rule and the dictionary check both mean "too short".
+    EXPECT_EQ(orv::password_refusal_status(
+                  19, "invalid password syntax - password must be at least 6 characters long"),
+              ORV_LDAPLIB_PASSWORD_TOO_SHORT);
+    EXPECT_EQ(orv::password_refusal_status(19, "Password failed dictionary check: it is too short"),
+              ORV_LDAPLIB_PASSWORD_TOO_SHORT);
+    EXPECT_EQ(orv::password_refusal_status(19, "password in history"), ORV_LDAPLIB_PASSWORD_IN_HISTORY);
+    EXPECT_EQ(orv::password_refusal_status(19, "too SHORT and in HISTORY"), ORV_LDAPLIB_PASSWORD_IN_HISTORY);
+    // Any other refusal is the server's own code, never success.
+    EXPECT_EQ(orv::password_refusal_status(
+                  19, "invalid password syntax - password must contain at least 3 digit characters"),
+              19);
+    EXPECT_EQ(orv::password_refusal_status(19, ""), 19);
+    EXPECT_EQ(orv::password_refusal_status(50, "too short"), 50);
+    EXPECT_EQ(orv::password_refusal_status(81, ""), 81);
+}
+
+TEST(Secrets, WipedBeforeTheyAreReleased) {
+    char buffer[] = "Secret123!";
+    orv::wipe(buffer, sizeof buffer - 1);
+    for (char c : buffer) EXPECT_EQ(c, '\0');
+    std::string text = "Secret123!";
+    orv::wipe(text);
+    EXPECT_TRUE(text.empty());
+
+    // Released through the library allocator: the count comes back.
+    const int start = _memCnt;
+    orv::free_secret(_orvlib_dupString("Secret123!"));
+    orv::free_secret(nullptr);
+    EXPECT_EQ(_memCnt, start);
+}
+
+TEST_F(SessionGlobals, ReconnectBindNeedsStoredCredentials) {
+    // Without a DN and a password the bind would be anonymous or
+    // unauthenticated and prove nothing: refused without a bind.
+    Handle h(1);
+    char* savedId = _user_id;
+    char* savedPw = _pwd;
+    _user_id = nullptr;
+    _pwd = nullptr;
+    EXPECT_EQ(attempt_simple_bind(h.ld), LDAP_INVALID_CREDENTIALS);
+    _user_id = const_cast<char*>("uid=alice,ou=People,dc=orv,dc=test");
+    _pwd = const_cast<char*>("");
+    EXPECT_EQ(attempt_simple_bind(h.ld), LDAP_INVALID_CREDENTIALS);
+    // With both, the bind is made: here nobody listens on port 1.
+    _pwd = const_cast<char*>("Secret123!");
+    EXPECT_EQ(attempt_simple_bind(h.ld), 81);
+    _user_id = savedId;
+    _pwd = savedPw;
+}

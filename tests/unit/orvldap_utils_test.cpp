@@ -489,3 +489,53 @@ TEST_F(UtilsTest, AccountState) {
 }
 
 }  // namespace
+
+namespace {
+
+// True when text holds no bare "*", "(" or ")" and every backslash starts
+// an escape of two hexadecimal digits: a value a filter cannot be broken by.
+bool safe_filter_value(const std::string& text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '*' || c == '(' || c == ')') return false;
+        if (c == '\\') {
+            if (i + 2 >= text.size()) return false;
+            if (!std::isxdigit(static_cast<unsigned char>(text[i + 1])) ||
+                !std::isxdigit(static_cast<unsigned char>(text[i + 2])))
+                return false;
+            i += 2;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(FilterValue, SpecialCharactersBecomeEscapes) {
+    EXPECT_EQ(orv::filter_value("a*b(c)d\\e"), "a\\2ab\\28c\\29d\\5ce");
+    // Characters with no meaning in a filter value stay as they are.
+    EXPECT_EQ(orv::filter_value(",+=\";<>#& |!~"), ",+=\";<>#& |!~");
+    EXPECT_EQ(orv::filter_value(""), "");
+    // A DN's own escapes are part of the value.
+    EXPECT_EQ(orv::filter_value("uid=o\\,brien,ou=People"), "uid=o\\5c,brien,ou=People");
+
+    // Cut out of filter text: escapes already there are kept.
+    EXPECT_EQ(orv::filter_value_from_text("a\\2ab"), "a\\2ab");
+    EXPECT_EQ(orv::filter_value_from_text("a\\28b*"), "a\\28b\\2a");
+    EXPECT_EQ(orv::filter_value_from_text("dom\\user"), "dom\\5cuser");
+    EXPECT_EQ(orv::filter_value_from_text("end\\"), "end\\5c");
+    EXPECT_EQ(orv::filter_value_from_text("x\\4"), "x\\5c4");
+    EXPECT_EQ(orv::filter_value_from_text("\\zz)"), "\\5czz\\29");
+
+    // Every combination of the special characters (and a hex digit after a
+    // backslash) comes out safe, and escaping twice changes nothing.
+    const std::string alphabet = "*()\\a2";
+    for (int n = 0; n < 6 * 6 * 6 * 6; ++n) {
+        std::string in;
+        for (int k = n, i = 0; i < 4; ++i, k /= 6) in.push_back(alphabet[k % 6]);
+        const std::string once = orv::filter_value(in);
+        EXPECT_TRUE(safe_filter_value(once)) << in << " -> " << once;
+        EXPECT_TRUE(safe_filter_value(orv::filter_value_from_text(in))) << in;
+        EXPECT_EQ(orv::filter_value_from_text(once), once) << in;
+    }
+}
