@@ -572,23 +572,35 @@ bool find_radius_server(const Settings& s, const orvsrv::RadiusRequest& request,
                               : "not a RADIUS server of this directory's configuration");
 }
 
-// RADIUS checks: trusted identities only, and only towards a server that the
-// directory configures, with the secret configured there.
-bool authorize_radius(const Settings& s, const std::string& requestor,
-                      const orvsrv::RadiusRequest& request, RadiusServer* server, Refusal* r) {
+// RADIUS checks: trusted identities only, a well-formed request, and only
+// towards a server that the directory configures, with the secret
+// configured there. *request receives the parsed request.
+bool authorize_radius(const Settings& s, const std::string& requestor, const std::string& value,
+                      orvsrv::RadiusRequest* request, RadiusServer* server, Refusal* r) {
     if (!contains(s.trusted_dns, requestor)) {
         return refused(r, LDAP_INSUFFICIENT_ACCESS,
                        std::string("requestor is not in ") + kAttrTrustedDn);
+    }
+    // Result 2 means "rejected by RADIUS" here, so a malformed request gets 53.
+    std::string why;
+    if (has_nul(value)) return refused(r, LDAP_UNWILLING_TO_PERFORM, "NUL byte in the request");
+    if (!orvsrv::radius_parse_request(value, request, &why) ||
+        !orvsrv::radius_request_fits(*request, &why)) {
+        return refused(r, LDAP_UNWILLING_TO_PERFORM, why);
     }
     if (s.root_suffix.empty()) {
         return refused(r, LDAP_UNWILLING_TO_PERFORM,
                        std::string(kAttrRootSuffix) + " is not set: no RADIUS configuration");
     }
-    if (!find_radius_server(s, request, server, r)) return false;
-    if (server->secret.size() != request.secret.size() ||
-        CRYPTO_memcmp(server->secret.data(), request.secret.data(), request.secret.size()) != 0) {
+    const std::string target = " (" + request->host + ":" + std::to_string(request->port) + ")";
+    if (!find_radius_server(s, *request, server, r)) {
+        r->why += target;
+        return false;
+    }
+    if (server->secret.size() != request->secret.size() ||
+        CRYPTO_memcmp(server->secret.data(), request->secret.data(), request->secret.size()) != 0) {
         return refused(r, LDAP_UNWILLING_TO_PERFORM,
-                       "the shared secret differs from the one configured for the server");
+                       "the shared secret differs from the one configured for the server" + target);
     }
     return true;
 }
@@ -691,20 +703,13 @@ Reply radius_authenticate(const Settings& settings, const std::string& requestor
                           const std::string& value) {
     static const char op[] = "RADIUS check";
     orvsrv::RadiusRequest request;
-    std::string why;
-    // Result 2 means "rejected by RADIUS" here, so a malformed request gets 53.
-    if (has_nul(value)) return refuse(op, requestor, LDAP_UNWILLING_TO_PERFORM, "NUL byte in the request");
-    if (!orvsrv::radius_parse_request(value, &request, &why) ||
-        !orvsrv::radius_request_fits(request, &why)) {
-        return refuse(op, requestor, LDAP_UNWILLING_TO_PERFORM, why);
-    }
     RadiusServer server;
     Refusal r;
-    if (!authorize_radius(settings, requestor, request, &server, &r)) {
-        return refuse(op, requestor, r.code,
-                      r.why + " (" + request.host + ":" + std::to_string(request.port) + ")");
+    if (!authorize_radius(settings, requestor, value, &request, &server, &r)) {
+        return refuse(op, requestor, r.code, r.why);
     }
     request.secret = server.secret;
+    std::string why;
     const orvsrv::RadiusOutcome outcome = orvsrv::radius_authenticate(
         request, static_cast<int>(settings.radius_timeout_ms),
         static_cast<int>(settings.radius_attempts), &why);
