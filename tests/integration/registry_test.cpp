@@ -408,7 +408,8 @@ TEST_F(RegistryTest, ARecordOfNeitherKindIsLeftAloneWithoutAsking) {
     ORVLibEntry* lookalike = keep(orv::new_entry());
     char* classes[] = {const_cast<char*>("top"), const_cast<char*>("orvapplicationserver"),
                        const_cast<char*>("orvApplicationServerFacilityX"), nullptr};
-    char* dn[] = {const_cast<char*>(server_dn("srv-other-kinds").c_str()), nullptr};
+    std::string other_dn = server_dn("srv-other-kinds");
+    char* dn[] = {&other_dn[0], nullptr};
     ASSERT_TRUE(orv::append_attribute(lookalike, 18, "objectclass", classes));
     ASSERT_TRUE(orv::append_attribute(lookalike, 0, "entrydn", dn));
     ORVLibEntry* classless = keep(orv::new_entry());

@@ -180,8 +180,9 @@ TEST(RegistryApi, HandleToNowhereAndNonsenseArgumentsAnswerTheirStatus) {
                   ORV_LDAPLIB_INVALID_INPUT);
         EXPECT_EQ(orv_custom_application_facility_srch(nowhere, nullptr, 2, nullptr, nullptr, nullptr),
                   ORV_LDAPLIB_INVALID_INPUT);
+        const std::string dn = std::string("x,") + ORV_ROOT_SUFFIX;
         for (const char* filter : {static_cast<const char*>(nullptr), "", "abc", "((", "orvFullyQualifiedObjectId=a",
-                                   "x,dc=orv,dc=test", "(cn=a"}) {
+                                   dn.c_str(), "(cn=a"}) {
             EXPECT_EQ(orv_custom_application_server_srch(nowhere, nullptr, 2, filter, nullptr, &res), 81) << filter;
             EXPECT_EQ(res, nullptr);
             EXPECT_EQ(orv_custom_application_facility_srch(nowhere, ORV_APPLICATION_REGISTRY_BASE, 2, filter,
@@ -190,6 +191,11 @@ TEST(RegistryApi, HandleToNowhereAndNonsenseArgumentsAnswerTheirStatus) {
                 << filter;
             EXPECT_EQ(res, nullptr);
         }
+        // A text with "=" that is no filter: the client refuses it.
+        EXPECT_EQ(orv_custom_application_server_srch(nowhere, nullptr, 2, "x,dc=elsewhere", nullptr, &res),
+                  87);
+        EXPECT_EQ(ldapErrCode, 87);
+        EXPECT_EQ(res, nullptr);
     }
     orv_ld = saved;
 
