@@ -276,6 +276,10 @@ TEST_F(RegistryTest, FacilitiesAndTheirUrls) {
     EXPECT_STREQ(urls[0], "http://c.orv.test/x?object=urn:orv:object/42 a&b");
     EXPECT_EQ(urls[1], nullptr);
     orvlib_free_values(urls);
+    urls = orvlib_generate_application_facility_urls(ld(), plain, nullptr);
+    ASSERT_NE(urls, nullptr);
+    EXPECT_STREQ(urls[0], "http://a.orv.test/app?");
+    orvlib_free_values(urls);
     urls = orvlib_generate_application_facility_urls(ld(), bare, urn);
     ASSERT_NE(urls, nullptr);
     EXPECT_EQ(urls[0], nullptr);

@@ -1,5 +1,5 @@
-// The registry's tables, DN builders, URLs of facility records and search
-// filters, without a directory.
+// The registry's id tables, DN builders and search filters, without a
+// directory.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -14,31 +14,6 @@ namespace {
 std::string take(char* text) {
     std::string out = text ? text : "<null>";
     orvlib_memfree(text);
-    return out;
-}
-
-// A facility record with a base URL (NULL: none).
-ORVLibEntry* facility(const char* baseURL) {
-    ORVLibEntry* e = orv::new_entry();
-    char* classes[] = {const_cast<char*>("top"), const_cast<char*>("orvApplicationServerFacility"), nullptr};
-    orv::append_attribute(e, 18, "objectclass", classes);
-    if (baseURL) {
-        char* url[] = {const_cast<char*>(baseURL), nullptr};
-        orv::append_attribute(e, 30, "orvBaseURL", url);
-    }
-    return e;
-}
-
-// The single URL of a facility record, "<empty>" for an empty list.
-std::string url_of(const char* baseURL, const char* URN) {
-    ORVLibEntry* e = facility(baseURL);
-    char** list = populate_facility_url(e, URN);
-    std::string out = !list ? "<null>" : !list[0] ? "<empty>" : list[0];
-    if (list && list[0]) {
-        EXPECT_EQ(list[1], nullptr);
-    }
-    orvlib_free_values(list);
-    orvlib_orvlibentry_free(e);
     return out;
 }
 
@@ -87,34 +62,6 @@ TEST(RegistryNames, DnsFollowTheRootSuffix) {
     EXPECT_EQ(_memCnt, start);
 }
 
-TEST(RegistryUrls, BaseUrlQuestionMarkAndUrn) {
-    const int start = _memCnt;
-    EXPECT_EQ(url_of("http://h/app", "urn:x"), "http://h/app?urn:x");
-    EXPECT_EQ(url_of("http://h/app?id=", "urn:x"), "http://h/app?id=urn:x");
-    EXPECT_EQ(url_of("http://h/app?a=1&b=", "urn:x"), "http://h/app?a=1&b=urn:x");
-    // The URN as it stands, no encoding.
-    EXPECT_EQ(url_of("http://h/", "a b?c&d=%"), "http://h/?a b?c&d=%");
-    EXPECT_EQ(url_of("http://h/", ""), "http://h/?");
-    EXPECT_EQ(url_of("http://h/", nullptr), "http://h/?");
-    EXPECT_EQ(url_of("", "u"), "?u");
-    // No base URL: an empty list.
-    EXPECT_EQ(url_of(nullptr, "urn:x"), "<empty>");
-
-    // Through the public call, with any session handle: a facility record
-    // needs no directory.
-    LDAP* ld = ldap_init("127.0.0.1", 9);
-    ASSERT_NE(ld, nullptr);
-    ORVLibEntry* e = facility("http://h/app");
-    char** list = orvlib_generate_application_facility_urls(ld, e, "urn:y");
-    ASSERT_NE(list, nullptr);
-    EXPECT_STREQ(list[0], "http://h/app?urn:y");
-    EXPECT_EQ(list[1], nullptr);
-    orvlib_free_values(list);
-    orvlib_orvlibentry_free(e);
-    ldap_unbind_ext_s(ld, nullptr, nullptr);
-    EXPECT_EQ(_memCnt, start);
-}
-
 TEST(RegistryFilters, UpdatedSearchFilterAndDnTest) {
     const int start = _memCnt;
     const std::string suffix = ORV_ROOT_SUFFIX;
@@ -123,16 +70,12 @@ TEST(RegistryFilters, UpdatedSearchFilterAndDnTest) {
     // A bare text is an object id.
     get_updated_search_filter("abc", ORV_SEARCH_APPLICATION_SERVERS, &out);
     EXPECT_EQ(take(out), "(&(objectClass=orvApplicationServer)(orvFullyQualifiedObjectId=abc))");
-    get_updated_search_filter("abc", ORV_SEARCH_APPLICATION_FACILITY, &out);
-    EXPECT_EQ(take(out), "(&(objectClass=orvApplicationServerFacility)(orvFullyQualifiedObjectId=abc))");
     // Unbalanced parentheses are escaped.
     get_updated_search_filter("a(b", ORV_SEARCH_APPLICATION_SERVERS, &out);
     EXPECT_EQ(take(out), "(&(objectClass=orvApplicationServer)(orvFullyQualifiedObjectId=a\\28b))");
     // A filter joins the class filter.
     get_updated_search_filter("(orvKXSToolOID=1.2)", ORV_SEARCH_APPLICATION_SERVERS, &out);
     EXPECT_EQ(take(out), "(&(objectClass=orvApplicationServer)(orvKXSToolOID=1.2))");
-    get_updated_search_filter("orvBaseURL=x", ORV_SEARCH_APPLICATION_FACILITY, &out);
-    EXPECT_EQ(take(out), "(&(objectClass=orvApplicationServerFacility)(orvBaseURL=x))");
     // A DN becomes an ordinary filter as well.
     const std::string dn = "orvFullyQualifiedObjectId=s," + std::string(ORV_APPLICATION_REGISTRY_BASE);
     get_updated_search_filter(dn.c_str(), ORV_SEARCH_APPLICATION_SERVERS, &out);
