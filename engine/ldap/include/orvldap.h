@@ -423,4 +423,7 @@ ORV_API int orvlib_modify_ext_s(LDAP* ld, const char* entryDN, unsigned long mod
 }
 #endif
 
+/* The application registry and database objects. */
+#include "orvldap_registry.h"
+
 #endif /* ORVLDAP_H */
