@@ -552,12 +552,18 @@ void Directory::down() {
 
 // ------------------------------------------------------------------ Radius
 
-Radius::Radius(const std::string& secret, const std::string& users_file) {
+Radius::Radius(const std::string& secret, const std::string& users_file,
+               const std::vector<std::string>& challenged_users) {
   char tmpl[] = "/tmp/orvtb-radius-XXXXXX";
   if (mkdtemp(tmpl) == nullptr) throw TestbedError(std::string("mkdtemp: ") + std::strerror(errno));
   workdir_ = tmpl;
-  RunResult r = run_program({radius_script(), "up", "--workdir", workdir_, "--secret", secret, "--users", users_file,
-                             "--owner-pid", std::to_string(getpid())});
+  std::vector<std::string> argv{radius_script(), "up", "--workdir", workdir_, "--secret", secret, "--users", users_file,
+                                "--owner-pid", std::to_string(getpid())};
+  for (const std::string& user : challenged_users) {
+    argv.push_back("--challenge");
+    argv.push_back(user);
+  }
+  RunResult r = run_program(argv);
   if (r.status != 0) {
     run_program({radius_script(), "down", "--workdir", workdir_});
     rmdir(workdir_.c_str());

@@ -134,10 +134,14 @@ class Directory {
 // A throwaway FreeRADIUS server on 127.0.0.1 (testbed/orvradius), up in the
 // constructor, down in the destructor.  users_file holds "user:password"
 // lines; the radius scenario writes one (Directory::info() field
-// "radius_users_file").  Throws TestbedError when it cannot start.
+// "radius_users_file").  Every reply carries a Message-Authenticator; the
+// users in challenged_users get an Access-Challenge instead of an
+// Access-Accept for their right password.  Throws TestbedError when it
+// cannot start.
 class Radius {
  public:
-  Radius(const std::string& secret, const std::string& users_file);
+  Radius(const std::string& secret, const std::string& users_file,
+         const std::vector<std::string>& challenged_users = {});
   ~Radius();
   Radius(const Radius&) = delete;
   Radius& operator=(const Radius&) = delete;

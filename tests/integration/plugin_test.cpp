@@ -517,7 +517,8 @@ private:
     std::thread thread_;
 };
 
-// A private FreeRADIUS on 127.0.0.1 (testbed/orvradius); down with the object.
+// A private FreeRADIUS on 127.0.0.1 (testbed/orvradius) started with extra
+// options; down with the object.
 class FreeRadius {
 public:
     FreeRadius(const std::string& secret, const std::string& users,
@@ -593,8 +594,19 @@ protected:
         try {
             const std::string users = std::string(kUser) + ":" + kPassword + "\n" +
                                       kChallengeUser + ":" + kPassword + "\n";
-            server_ = std::make_unique<FreeRadius>(
-                kSecret, users, std::vector<std::string>{"--challenge", kChallengeUser});
+            char users_file[] = "/tmp/orvplugin-radius-users.XXXXXX";
+            const int fd = mkstemp(users_file);
+            if (fd < 0) throw std::runtime_error("mkstemp failed");
+            ::close(fd);
+            std::ofstream(users_file) << users;
+            try {
+                server_ = std::make_unique<orv::testbed::Radius>(
+                    kSecret, users_file, std::vector<std::string>{kChallengeUser});
+            } catch (...) {
+                std::remove(users_file);
+                throw;
+            }
+            std::remove(users_file);
             // A server from before Message-Authenticators: its replies are not believed.
             unsigned_ = std::make_unique<FreeRadius>(
                 kSecret, users, std::vector<std::string>{"--without-message-authenticator"});
@@ -630,13 +642,13 @@ protected:
                                const std::string& password, const std::string& host = "127.0.0.1") {
         return host + ":" + std::to_string(port) + ":" + secret + ":" + user + ":" + password;
     }
-    static std::unique_ptr<FreeRadius> server_;
+    static std::unique_ptr<orv::testbed::Radius> server_;
     static std::unique_ptr<FreeRadius> unsigned_;
     static std::string error_;
     static int port_;
 };
 
-std::unique_ptr<FreeRadius> Radius::server_;
+std::unique_ptr<orv::testbed::Radius> Radius::server_;
 std::unique_ptr<FreeRadius> Radius::unsigned_;
 std::string Radius::error_;
 int Radius::port_ = 0;
