@@ -10,7 +10,12 @@ trap 'rm -rf "$scratch"' EXIT
 fail() { echo "FAIL: $*" >&2; exit 1; }
 
 if [ "$1" = "--build" ]; then
-  cpack --config "$2/CPackConfig.cmake" -G DEB -B "$scratch/out" >"$scratch/cpack.log" 2>&1 ||
+  # Package what the build tree installs, without letting cpack build it
+  # again (tests of that tree may be running).
+  DESTDIR=$scratch/stage cmake --install "$2" >"$scratch/install.log" 2>&1 ||
+    { cat "$scratch/install.log" >&2; fail "cmake --install"; }
+  cpack --config "$2/CPackConfig.cmake" -G DEB -B "$scratch/out" -D CPACK_INSTALL_CMAKE_PROJECTS= \
+    -D "CPACK_INSTALLED_DIRECTORIES=$scratch/stage;/" >"$scratch/cpack.log" 2>&1 ||
     { cat "$scratch/cpack.log" >&2; fail "cpack"; }
   deb=$(find "$scratch/out" -maxdepth 1 -name 'orvlib_*.deb' | head -n 1)
 else
