@@ -90,6 +90,11 @@ if(ORV_BUILD_TESTS AND NOT ORV_SANITIZE AND NOT ORV_CLIENT_ONLY)
     COMMAND ${CMAKE_SOURCE_DIR}/tests/install/package_test.sh --build ${CMAKE_BINARY_DIR})
   set_tests_properties(debian_package PROPERTIES LABELS install TIMEOUT 300)
 endif()
+if(ORV_BUILD_TESTS AND NOT ORV_SANITIZE)
+  add_test(NAME orvctl_completion
+    COMMAND bash ${CMAKE_SOURCE_DIR}/tests/install/completion_test.sh ${CMAKE_SOURCE_DIR}/tools/orvctl.bash-completion)
+  set_tests_properties(orvctl_completion PROPERTIES LABELS unit)
+endif()
 
 # ---------------------------------------------------------------- package
 set(CPACK_GENERATOR DEB)
