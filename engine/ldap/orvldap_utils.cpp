@@ -586,10 +586,9 @@ char* getDNFromUid(LDAP* ld, const char* id, const char* base, const char* rdn) 
 
     LDAPMessage* first = ldap_first_entry(ld, result.get());
     if (first == nullptr) return nullptr;
-    char elapsed[64];
-    std::snprintf(elapsed, sizeof elapsed, "%lf",
-                  static_cast<double>(std::clock() - started) / 1000000.0);
-    ORV_DEBUG("Time elapsed for search:", elapsed);
+    // "%lf" of the CPU seconds (std::to_string formats a double so).
+    ORV_DEBUG("Time elapsed for search:",
+              std::to_string(static_cast<double>(std::clock() - started) / 1000000.0));
     orv::LdapString dn(ldap_get_dn(ld, first));
     return dn ? _orvlib_dupString(dn.get()) : nullptr;
 }
