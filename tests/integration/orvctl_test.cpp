@@ -633,7 +633,8 @@ TEST_F(OrvctlTest, ZzInfoAndDoctorNeverPrintTheRadiusSecret) {
     }
     EXPECT_NE(text.out.find("RADIUS                       127.0.0.1:18120\n"), std::string::npos) << text.out;
     EXPECT_NE(text.out.find("  RADIUS secret              set (not shown)\n"), std::string::npos) << text.out;
-    const Json* radius = Json::parse(json.out).find("radius");
+    const Json info = Json::parse(json.out);
+    const Json* radius = info.find("radius");
     ASSERT_NE(radius, nullptr);
     EXPECT_EQ(radius->str("configured"), "true");
     EXPECT_EQ(radius->str("secret_set"), "true");
