@@ -28,7 +28,7 @@
 namespace orvctl {
 namespace {
 
-struct OptionSpec {
+struct OptionInfo {
     const char* name;        // long name without "--"
     char short_name;         // 0 when none
     const char* value_name;  // nullptr for a flag
@@ -40,21 +40,21 @@ struct Command {
     const char* synopsis;  // arguments after the name
     const char* summary;
     const char* description;
-    std::vector<OptionSpec> options;
+    std::vector<OptionInfo> options;
     int min_args;
     int max_args;
     bool connects;  // uses the connection options
     int (*run)(const Args&);
 };
 
-const std::vector<OptionSpec> kConnectionOptions = {
+const std::vector<OptionInfo> kConnectionOptions = {
     {"host", 'H', "HOST[:PORT]", "directory server: host[:port], ldap://host:port or ldaps://host:port"},
     {"port", 'p', "PORT", "port (default 389, or 636 with --ssl)"},
     {"ssl", 0, nullptr, "connect over SSL (LDAPS)"},
     {"certdb", 0, "DIR", "folder holding certdb/orvclientkey.kdb, the key database for SSL"},
 };
 
-const OptionSpec kHelpOption = {"help", 'h', nullptr, "show this help"};
+const OptionInfo kHelpOption = {"help", 'h', nullptr, "show this help"};
 
 const char kSearchTypes[] =
     "TYPE is one of: people (5001), groups (5002), user-groups (5003),\n"
@@ -130,7 +130,7 @@ const std::vector<Command>& commands() {
     return table;
 }
 
-void print_option(std::FILE* out, const OptionSpec& o) {
+void print_option(std::FILE* out, const OptionInfo& o) {
     std::string head = o.short_name ? std::string("-") + o.short_name + ", " : "    ";
     head += std::string("--") + o.name;
     if (o.value_name) head += std::string(" ") + o.value_name;
@@ -152,7 +152,7 @@ void usage(std::FILE* out) {
         std::fprintf(out, "  %-28s %s\n", head.c_str(), c.summary);
     }
     std::fprintf(out, "\nconnection options:\n");
-    for (const OptionSpec& o : kConnectionOptions) print_option(out, o);
+    for (const OptionInfo& o : kConnectionOptions) print_option(out, o);
     std::fprintf(out, "\nother options:\n");
     print_option(out, kHelpOption);
     std::fprintf(out, "  %-28s %s\n", "    --version", "show the versions of orvctl and the library");
@@ -166,11 +166,11 @@ void command_usage(std::FILE* out, const Command& c) {
                  (std::string(c.synopsis[0] ? " " : "") + c.synopsis).c_str(), c.description);
     if (!c.options.empty()) {
         std::fprintf(out, "\noptions:\n");
-        for (const OptionSpec& o : c.options) print_option(out, o);
+        for (const OptionInfo& o : c.options) print_option(out, o);
     }
     if (c.connects) {
         std::fprintf(out, "\nconnection options:\n");
-        for (const OptionSpec& o : kConnectionOptions) print_option(out, o);
+        for (const OptionInfo& o : kConnectionOptions) print_option(out, o);
         std::fprintf(out, "\n%s", kEnvironmentText);
     }
     std::fprintf(out, "\n%s", kExitText);
@@ -236,11 +236,11 @@ Connection connection_from_environment() {
     return conn;
 }
 
-const OptionSpec* match_option(const std::vector<const std::vector<OptionSpec>*>& sets,
+const OptionInfo* match_option(const std::vector<const std::vector<OptionInfo>*>& sets,
                                const std::string& arg, std::string& value, bool& has_value) {
     has_value = false;
     for (const auto* set : sets) {
-        for (const OptionSpec& o : *set) {
+        for (const OptionInfo& o : *set) {
             if (arg.rfind("--", 0) == 0) {
                 std::string body = arg.substr(2);
                 std::size_t eq = body.find('=');
@@ -280,8 +280,8 @@ Parsed parse(int argc, char** argv) {
     std::string host_arg;
     std::string port_arg;
     bool ssl_flag = false;
-    std::vector<const std::vector<OptionSpec>*> sets;
-    const std::vector<OptionSpec> help_set = {kHelpOption, {"version", 0, nullptr, ""}};
+    std::vector<const std::vector<OptionInfo>*> sets;
+    const std::vector<OptionInfo> help_set = {kHelpOption, {"version", 0, nullptr, ""}};
     sets.push_back(&kConnectionOptions);
     sets.push_back(&help_set);
 
@@ -310,7 +310,7 @@ Parsed parse(int argc, char** argv) {
         }
         std::string value;
         bool has_value = false;
-        const OptionSpec* o = match_option(sets, arg, value, has_value);
+        const OptionInfo* o = match_option(sets, arg, value, has_value);
         if (!o) throw UsageError("unknown option '" + arg + "'" +
                                  (p.command ? std::string(" for ") + p.command->name : std::string()));
         const std::string name = o->name;
