@@ -244,8 +244,11 @@ int orvlib_search_ext_s(LDAP* ld, const char* filter, int searchType, LDAPMessag
     group_is_standalone = 0;
     ZORLA_STAR_SEARCH = 0;
     ORV_WIN_USER_SEARCH = 0;
-    if (!ld || !orv_ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
-    if (!filter) return orv::report(orv::kFilterError);
+    // Only the "cn=" no-op below leaves the caller's result pointer alone.
+    if (!ld || !orv_ld || !filter) {
+        if (result) *result = nullptr;
+        return orv::report(!ld || !orv_ld ? ORV_LDAPLIB_SESSION_INVALID : orv::kFilterError);
+    }
 
     ORV_DEBUG("Search Filter: ", filter);
     orv::OrvString escaped(dn_contains_backslash(filter, 1));
