@@ -3,6 +3,10 @@
 // without a session, after unbind and after a lost connection.
 #pragma once
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +14,20 @@
 #include "orvldap.h"
 
 namespace orvtest {
+
+// A loopback port with nothing listening.
+inline int closed_port() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
 
 struct Outcome {
     int status;

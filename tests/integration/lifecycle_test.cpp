@@ -50,6 +50,26 @@ void expect_no_session(LDAP* stale, const char* when) {
     }
 }
 
+// A session with a people search half-way through its first page: the
+// handle, the caller's first page and the cursor of its first entry.
+struct SearchInProgress {
+    LDAP* ld = nullptr;
+    LDAPMessage* res = nullptr;
+    LDAPMessage* cursor = nullptr;
+};
+
+void open_with_search(SearchInProgress& s) {
+    orvlib_init();
+    s.ld = orvlib_getsession_context(dir().host().c_str(), dir().port(), nullptr, 0);
+    ASSERT_NE(s.ld, nullptr);
+    ASSERT_EQ(ldapErrCode, 0) << "a session that stands stores success";
+    ASSERT_EQ(orvlib_search_ext_s(s.ld, "Load User*", ORV_SEARCH_PEOPLE, &s.res), 0);
+    ORVLibEntry* entry = nullptr;
+    s.cursor = orvlib_first_entry(s.ld, &entry, s.res);
+    ASSERT_NE(s.cursor, nullptr);
+    orvlib_orvlibentry_free(entry);
+}
+
 }  // namespace
 
 // A search in progress when the session ends: its cursor is never read
@@ -57,18 +77,14 @@ void expect_no_session(LDAP* stale, const char* when) {
 // runs this too).
 TEST(Lifecycle, EveryOperationAfterUnbindUninitialiseAndLostConnection) {
     const int start = _memCnt;
-    orvlib_init();
-    LDAP* ld = orvlib_getsession_context(dir().host().c_str(), dir().port(), nullptr, 0);
-    ASSERT_NE(ld, nullptr);
-    ASSERT_EQ(ldapErrCode, 0) << "a session that stands stores success";
+    SearchInProgress s;
+    ASSERT_NO_FATAL_FAILURE(open_with_search(s));
+    LDAP* ld = s.ld;
+    LDAPMessage* res = s.res;
+    LDAPMessage* cursor = s.cursor;
+    ORVLibEntry* entry = nullptr;
 
     // After unbind, with a people search half-way through its first page.
-    LDAPMessage* res = nullptr;
-    ASSERT_EQ(orvlib_search_ext_s(ld, "Load User*", ORV_SEARCH_PEOPLE, &res), 0);
-    ORVLibEntry* entry = nullptr;
-    LDAPMessage* cursor = orvlib_first_entry(ld, &entry, res);
-    ASSERT_NE(cursor, nullptr);
-    orvlib_orvlibentry_free(entry);
     EXPECT_EQ(orvlib_unbind(ld), 0);
     EXPECT_EQ(orv_ld, nullptr);
     EXPECT_EQ(orvlib_next_entry(ld, &entry, cursor), nullptr);
@@ -96,15 +112,12 @@ TEST(Lifecycle, EveryOperationAfterUnbindUninitialiseAndLostConnection) {
 
 TEST(Lifecycle, ReopenThatFailsLeavesNoHandleBehind) {
     const int start = _memCnt;
-    orvlib_init();
-    LDAP* ld = orvlib_getsession_context(dir().host().c_str(), dir().port(), nullptr, 0);
-    ASSERT_NE(ld, nullptr);
-    LDAPMessage* res = nullptr;
-    ASSERT_EQ(orvlib_search_ext_s(ld, "Load User*", ORV_SEARCH_PEOPLE, &res), 0);
+    SearchInProgress s;
+    ASSERT_NO_FATAL_FAILURE(open_with_search(s));
+    LDAP* ld = s.ld;
+    LDAPMessage* res = s.res;
+    LDAPMessage* cursor = s.cursor;
     ORVLibEntry* entry = nullptr;
-    LDAPMessage* cursor = orvlib_first_entry(ld, &entry, res);
-    ASSERT_NE(cursor, nullptr);
-    orvlib_orvlibentry_free(entry);
 
     dir().stop_server();
     EXPECT_EQ(orvlib_get_connection_status(ld), 3041);

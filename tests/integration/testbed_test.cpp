@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "orv_ldap.hpp"
 #include "testbed.hpp"
 
 using orv::testbed::Directory;
@@ -57,13 +58,15 @@ int pam_dirs_of(int pid) {
 
 int simple_bind(const std::string& uri, const std::string& dn, const std::string& pw) {
   LDAP* ld = nullptr;
-  if (ldap_initialize(&ld, uri.c_str()) != LDAP_SUCCESS) return -1;
+  int init = ldap_initialize(&ld, uri.c_str());
+  if (init != LDAP_SUCCESS) return orv::status_from_ldap(init);
   int version = LDAP_VERSION3;
   ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
   berval cred{static_cast<ber_len_t>(pw.size()), const_cast<char*>(pw.data())};
   int rc = ldap_sasl_bind_s(ld, dn.c_str(), LDAP_SASL_SIMPLE, &cred, nullptr, nullptr, nullptr);
   ldap_unbind_ext_s(ld, nullptr, nullptr);
-  return rc;
+  // Statuses as the library's callers number them (81 server down).
+  return orv::status_from_ldap(rc);
 }
 
 struct Gone {
@@ -179,7 +182,8 @@ TEST(Testbed, ServerAuthenticatesThroughPamWrapper) {
 int tls_bind(const Directory& d, const std::string& ca_file) {
   LDAP* ld = nullptr;
   std::string uri = "ldaps://" + d.host() + ":" + std::to_string(d.tls_port());
-  if (ldap_initialize(&ld, uri.c_str()) != LDAP_SUCCESS) return -1;
+  int init = ldap_initialize(&ld, uri.c_str());
+  if (init != LDAP_SUCCESS) return orv::status_from_ldap(init);
   int version = LDAP_VERSION3, demand = LDAP_OPT_X_TLS_DEMAND, zero = 0;
   ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &version);
   ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, ca_file.c_str());
@@ -189,7 +193,8 @@ int tls_bind(const Directory& d, const std::string& ca_file) {
   berval cred{static_cast<ber_len_t>(pw.size()), const_cast<char*>(pw.data())};
   int rc = ldap_sasl_bind_s(ld, d.admin_dn().c_str(), LDAP_SASL_SIMPLE, &cred, nullptr, nullptr, nullptr);
   ldap_unbind_ext_s(ld, nullptr, nullptr);
-  return rc;
+  // Statuses as the library's callers number them (81 server down).
+  return orv::status_from_ldap(rc);
 }
 
 TEST(Testbed, TlsStoresAndServerStopStart) {
@@ -199,14 +204,14 @@ TEST(Testbed, TlsStoresAndServerStopStart) {
   EXPECT_EQ(LDAP_SUCCESS, tls_bind(d, d.tls_ca()));
   // The PEM store is the CA certificate; the untrusted one names another CA.
   EXPECT_EQ(LDAP_SUCCESS, tls_bind(d, d.tls_dir() + "/pem/certdb/orvclientkey.kdb"));
-  EXPECT_EQ(LDAP_SERVER_DOWN, tls_bind(d, d.tls_untrusted_dir() + "/pem/certdb/orvclientkey.kdb"));
+  EXPECT_EQ(orv::kServerDown, tls_bind(d, d.tls_untrusted_dir() + "/pem/certdb/orvclientkey.kdb"));
   EXPECT_TRUE(exists(d.tls_dir() + "/p12/certdb/orvclientkey.kdb"));
   EXPECT_TRUE(exists(d.tls_untrusted_dir() + "/p12/certdb/orvclientkey.kdb"));
 
   int port = d.port(), old_pid = d.pid();
   d.stop_server();
   EXPECT_FALSE(process_running(old_pid));
-  EXPECT_EQ(LDAP_SERVER_DOWN, simple_bind(d.uri(), d.admin_dn(), d.admin_pw()));
+  EXPECT_EQ(orv::kServerDown, simple_bind(d.uri(), d.admin_dn(), d.admin_pw()));
   d.start_server();
   EXPECT_EQ(port, d.port());
   EXPECT_TRUE(process_running(d.pid()));
@@ -214,7 +219,7 @@ TEST(Testbed, TlsStoresAndServerStopStart) {
   EXPECT_EQ(LDAP_SUCCESS, tls_bind(d, d.tls_ca()));
   int free = Directory::free_port();
   EXPECT_GT(free, 0);
-  EXPECT_EQ(LDAP_SERVER_DOWN, simple_bind("ldap://127.0.0.1:" + std::to_string(free), d.admin_dn(), d.admin_pw()));
+  EXPECT_EQ(orv::kServerDown, simple_bind("ldap://127.0.0.1:" + std::to_string(free), d.admin_dn(), d.admin_pw()));
 }
 
 TEST(Testbed, FixtureParsesTestbedJson) {

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "../api_sweep.hpp"
 #include "orvldap.h"
 #include "orvldap_auth.h"
 #include "orvldap_entry.h"
@@ -16,18 +17,7 @@
 
 namespace {
 
-// A loopback port with nothing listening.
-int closed_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
+using orvtest::closed_port;
 
 // A record with the given object class and DN (either may be NULL).
 ORVLibEntry* record(const char* objectClass, const char* dn) {
