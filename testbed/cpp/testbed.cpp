@@ -591,6 +591,70 @@ void Radius::down() {
   if (r.status != 0) throw TestbedError("orvradius down failed:\n" + r.err + r.out);
 }
 
+// ------------------------------------------------------------------ Samba
+
+std::string samba_script() {
+  std::string s = testbed_script();
+  size_t slash = s.rfind('/');
+  return (slash == std::string::npos ? std::string() : s.substr(0, slash + 1)) + "orvsamba";
+}
+
+std::string samba_cache_dir() {
+#ifdef ORV_TESTBED_SAMBA_CACHE
+  return ORV_TESTBED_SAMBA_CACHE;
+#else
+  return "/tmp/orvsamba-cache";
+#endif
+}
+
+Samba::Samba(int bulk_users) {
+  std::vector<std::string> argv{samba_script(), "up", "--cache", samba_cache_dir(), "--owner-pid",
+                                std::to_string(getpid())};
+  if (bulk_users >= 0) {
+    argv.push_back("--users");
+    argv.push_back(std::to_string(bulk_users));
+  }
+  RunResult r = run_program(argv);
+  if (r.status != 0) throw TestbedError("orvsamba up failed (" + std::to_string(r.status) + "):\n" + r.err + r.out);
+  info_ = Json::parse(last_line(r.out));
+  workdir_ = info_.str("workdir");
+  host_ = info_.str("host");
+  up_ = true;
+  const Json* timing = info_.find("timing");
+  std::cout << "[ testbed  ] Samba AD DC on " << host_ << ":389/636 (pid " << info_.str("pid") << ", up in "
+            << (timing ? timing->str("total") : std::string("?")) << " s)" << std::endl;
+}
+
+Samba::~Samba() {
+  try {
+    down();
+  } catch (const std::exception& e) {
+    std::cerr << "[ testbed  ] Samba down failed: " << e.what() << std::endl;
+  }
+}
+
+int Samba::pid() const { return std::atoi(info_.str("pid").c_str()); }
+int Samba::bulk_users() const { return std::atoi(info_.str("users").c_str()); }
+
+void Samba::stop_server() {
+  RunResult r = run_program({samba_script(), "stop", "--workdir", workdir_});
+  if (r.status != 0) throw TestbedError("orvsamba stop failed:\n" + r.err + r.out);
+  info_ = Json::parse(last_line(r.out));
+}
+
+void Samba::start_server() {
+  RunResult r = run_program({samba_script(), "start", "--workdir", workdir_});
+  if (r.status != 0) throw TestbedError("orvsamba start failed:\n" + r.err + r.out);
+  info_ = Json::parse(last_line(r.out));
+}
+
+void Samba::down() {
+  if (!up_) return;
+  up_ = false;
+  RunResult r = run_program({samba_script(), "down", "--workdir", workdir_});
+  if (r.status != 0) throw TestbedError("orvsamba down failed:\n" + r.err + r.out);
+}
+
 // ------------------------------------------------------------------ Environment
 
 namespace {

@@ -157,6 +157,50 @@ class Radius {
   bool up_ = false;
 };
 
+// A throwaway Samba Active Directory domain controller (testbed/orvsamba)
+// on a loopback address of its own (127.0.0.<n>, ports 389 and 636), up in
+// the constructor, down in the destructor.  The domain CORP.TEST
+// (DC=corp,DC=test) is restored from a template provisioned once per build
+// directory; see testbed/README.md for its users and groups.  Throws
+// TestbedError when it cannot start.
+class Samba {
+ public:
+  explicit Samba(int bulk_users = -1);  // -1: the template's default
+  ~Samba();
+  Samba(const Samba&) = delete;
+  Samba& operator=(const Samba&) = delete;
+  const std::string& host() const { return host_; }
+  int port() const { return 389; }
+  int tls_port() const { return 636; }
+  int pid() const;
+  std::string base() const { return info_.str("base"); }
+  std::string admin_dn() const { return info_.str("admin_dn"); }
+  std::string admin_pw() const { return info_.str("admin_pw"); }
+  std::string user_pw() const { return info_.str("user_pw"); }
+  std::string people_base() const { return info_.str("people_base"); }
+  std::string group_base() const { return info_.str("group_base"); }
+  std::string bulk_base() const { return info_.str("bulk_base"); }
+  int bulk_users() const;
+  // <tls_dir()>/certdb/orvclientkey.kdb (PEM) trusts the server's CA.
+  std::string tls_dir() const { return info_.str("tls_dir"); }
+  std::string workdir() const { return info_.str("workdir"); }
+  const Json& info() const { return info_; }
+  // Stop the server (data and address kept); start it again.
+  void stop_server();
+  void start_server();
+  void down();
+
+ private:
+  std::string workdir_;
+  std::string host_;
+  Json info_;
+  bool up_ = false;
+};
+
+std::string samba_script();  // testbed/orvsamba
+// Where the Samba template lives (one per build directory).
+std::string samba_cache_dir();
+
 // The instance of a test binary.
 class Environment : public ::testing::Environment {
  public:
