@@ -115,6 +115,34 @@ const std::vector<Command>& commands() {
          "Asks the server to validate TOKEN (- reads it from standard input) and\n"
          "prints the entry of the user it names.",
          {{"json", 0, nullptr, "print the entry as one JSON object"}}, 1, 1, true, cmd_validate},
+        {"registry", "SUBCOMMAND ...", "register servers and facilities, build URLs",
+         "  registry register TOOL [SERVER_ID] [--extended ID,...]\n"
+         "      registers a server of tool TOOL (2..8); without SERVER_ID it gets a new UUID\n"
+         "  registry facility SERVER_ID [--url URL] [--type TYPE] [--status on|off]\n"
+         "      adds a facility to the server; TYPE is rich-client, web-client (default),\n"
+         "      web-service or internal\n"
+         "  registry remove SERVER_ID [FACILITY_ID]\n"
+         "      removes one facility, or the server after all its facilities\n"
+         "  registry urls SERVER_ID [URN]\n"
+         "      prints the URL of each facility of the server, the URN appended; the list\n"
+         "      stops at the first facility without a base URL\n"
+         "  registry list [SERVER_ID]\n"
+         "      lists the registered servers, or the facilities of one server",
+         {{"json", 0, nullptr, "print one JSON object per entry"},
+          {"extended", 0, "LIST", "comma-separated extended ids of the server (at most 9)"},
+          {"url", 0, "URL", "base URL of the facility"},
+          {"type", 0, "TYPE", "facility type"},
+          {"status", 0, "STATE", "facility status: on or off"}},
+         1, 3, true, cmd_registry},
+        {"db", "SUBCOMMAND ...", "register a database and its access role, show one",
+         "  db create NAME HOST PORT [--id ID]\n"
+         "      registers the database NAME on HOST:PORT (without --id it gets a new\n"
+         "      UUID) and an access role for it\n"
+         "  db show REPOSITORY_ID\n"
+         "      prints the database settings of a registered repository",
+         {{"json", 0, nullptr, "print the entry as one JSON object"},
+          {"id", 0, "ID", "the database id"}},
+         1, 4, true, cmd_db},
         {"guid", "", "print a new version-1 GUID", "Prints a new version-1 GUID.", {}, 0, 0, false,
          cmd_guid},
         {"encipher", "PLAINTEXT", "print the stored form of a credential",

@@ -159,6 +159,8 @@ int cmd_guid(const Args& args);
 int cmd_encipher(const Args& args);
 int cmd_decipher(const Args& args);
 int cmd_check_password(const Args& args);
+int cmd_registry(const Args& args);
+int cmd_db(const Args& args);
 
 }  // namespace orvctl
 

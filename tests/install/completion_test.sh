@@ -30,7 +30,7 @@ expect() {  # expect "<command line ending with the word to complete>" "<expecte
 }
 
 expect "orvctl se" "search"
-expect "orvctl -H 127.0.0.1:389 d" "doctor decipher"
+expect "orvctl -H 127.0.0.1:389 d" "doctor decipher db"
 expect "orvctl --certdb /etc/orv in" "info"
 expect "orvctl search " "people groups user-groups membership members servers facilities"
 expect "orvctl search us" "user-groups"
@@ -45,6 +45,11 @@ expect "orvctl doctor --ssl" "--ssl-port --ssl"
 expect "orvctl passwd --new" "--new-password-file"
 expect "orvctl help v" "validate"
 expect "orvctl guid --" "--help"
+expect "orvctl registry r" "register remove"
+expect "orvctl registry facility srv --type web-" "web-client web-service"
+expect "orvctl registry facility srv --status " "on off"
+expect "orvctl db " "create show"
+expect "orvctl db create --" "--json --id --host --port --ssl --certdb --help"
 expect "orvctl --v" "--version"
 [ $failures -eq 0 ] && echo "completion OK"
 exit $failures

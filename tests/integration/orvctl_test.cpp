@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
@@ -436,6 +437,111 @@ TEST_F(OrvctlTest, SearchFailureCarriesTheLibrarysStatus) {
     RunResult r2 = on_dir({"search", "membership", "(uid=alice)"});
     EXPECT_EQ(r2.status, 1);
     EXPECT_NE(r2.err.find(library_status_line(lib2.status)), std::string::npos) << r2.err;
+}
+
+// ------------------------------------------------------------ registry and databases
+
+TEST_F(OrvctlTest, RegistryCommandsAgreeWithTheLibrary) {
+    orvtest::Session session(dir());
+    ASSERT_NE(session.ld(), nullptr);
+    LDAP* ld = session.ld();
+    auto servers = [&](const std::string& id) {
+        return library_search(ld, "orvFullyQualifiedObjectId=" + id, ORV_SEARCH_APPLICATION_SERVERS);
+    };
+
+    RunResult reg = on_dir({"registry", "register", "3", "srv-ctl", "--extended", "db-x,db-y", "--json"});
+    ASSERT_EQ(reg.status, 0) << reg.err;
+    Search lib = servers("srv-ctl");
+    ASSERT_EQ(lib.status, 0);
+    ASSERT_EQ(lib.entries.size(), 1u);
+    Entry printed = entry_from_json(Json::parse(reg.out));
+    for (const Attr& a : lib.entries[0]) {
+        if (a.id == 0) continue;  // the DN's spelling comes from the read-back
+        EXPECT_NE(std::find(printed.begin(), printed.end(), a), printed.end()) << a;
+    }
+
+    // A tool the library refuses: its status, nothing registered.
+    RunResult refused = on_dir({"registry", "register", "22", "srv-ctl-refused"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "orvctl: register server: " + library_status_line(ORV_LDAPLIB_INVALID_INPUT) + "\n");
+    EXPECT_TRUE(servers("srv-ctl-refused").entries.empty());
+
+    // Three facilities, the second without a base URL.
+    ASSERT_EQ(on_dir({"registry", "facility", "srv-ctl", "--url", "http://one/app", "--type", "web-service"}).status, 0);
+    ASSERT_EQ(on_dir({"registry", "facility", "srv-ctl", "--status", "off"}).status, 0);
+    ASSERT_EQ(on_dir({"registry", "facility", "srv-ctl", "--url", "http://three/q?a=1&"}).status, 0);
+    EXPECT_EQ(on_dir({"registry", "facility", "srv-ctl", "--type", "fax"}).status, 2);
+    EXPECT_EQ(on_dir({"registry", "facility", "no-such-server"}).status, 1);
+
+    RunResult listed = on_dir({"registry", "list", "srv-ctl", "--json"});
+    ASSERT_EQ(listed.status, 0) << listed.err;
+    Search facilities = library_search(ld, "orvFullyQualifiedObjectId=srv-ctl", ORV_SEARCH_APPLICATION_FACILITY);
+    ASSERT_EQ(facilities.entries.size(), 3u);
+    EXPECT_EQ(entries_from_json_lines(listed.out), facilities.entries);
+
+    // The URLs are the library's list, up to its first empty slot.
+    RunResult urls = on_dir({"registry", "urls", "srv-ctl", "urn:x:1"});
+    ASSERT_EQ(urls.status, 0) << urls.err;
+    std::string expected;
+    {
+        LDAPMessage* res = nullptr;
+        ASSERT_EQ(orvlib_search_ext_s(ld, "orvFullyQualifiedObjectId=srv-ctl", ORV_SEARCH_APPLICATION_SERVERS, &res), 0);
+        ORVLibEntry* server = nullptr;
+        orvlib_first_entry(ld, &server, res);
+        orvlib_orvmessage_free(res);
+        ASSERT_NE(server, nullptr);
+        char** list = orvlib_generate_application_facility_urls(ld, server, "urn:x:1");
+        ASSERT_NE(list, nullptr);
+        for (char** u = list; *u; ++u) expected += std::string(*u) + "\n";
+        orvlib_free_values(list);
+        orvlib_orvlibentry_free(server);
+    }
+    EXPECT_EQ(urls.out, expected);
+
+    // One facility, then the server with the rest.
+    std::string first_facility;
+    for (const Attr& a : facilities.entries[0])
+        if (a.id == 22) first_facility = a.values.at(0);
+    ASSERT_FALSE(first_facility.empty());
+    EXPECT_EQ(on_dir({"registry", "remove", "srv-ctl", first_facility}).status, 0);
+    EXPECT_EQ(library_search(ld, "orvFullyQualifiedObjectId=srv-ctl", ORV_SEARCH_APPLICATION_FACILITY).entries.size(), 2u);
+    EXPECT_EQ(on_dir({"registry", "remove", "srv-ctl", first_facility}).status, 1);
+    EXPECT_EQ(on_dir({"registry", "remove", "srv-ctl"}).status, 0);
+    EXPECT_TRUE(servers("srv-ctl").entries.empty());
+    EXPECT_EQ(on_dir({"registry", "remove", "srv-ctl"}).status, 1);
+    EXPECT_EQ(on_dir({"registry", "rename", "srv-ctl"}).status, 2);
+}
+
+TEST_F(OrvctlTest, DatabaseCommands) {
+    RunResult made = on_dir({"db", "create", "ctldb", "db.ctl.test", "5433", "--id", "ctl-db-id"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    RunResult again = on_dir({"db", "create", "ctldb", "db.ctl.test", "5433", "--id", "ctl-db-id"});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_EQ(again.err,
+              "orvctl: create database 'ctldb': " + library_status_line(ORV_LDAPLIB_UNABLE_TO_ADD_SERVER) + "\n");
+    EXPECT_EQ(on_dir({"db", "create", "ctldb", "db.ctl.test", "port"}).status, 2);
+
+    // The repository whose first extended id is the database.
+    ASSERT_EQ(on_dir({"registry", "register", "4", "repo-ctl", "--extended", "ctl-db-id"}).status, 0);
+    RunResult shown = on_dir({"db", "show", "repo-ctl", "--json"});
+    ASSERT_EQ(shown.status, 0) << shown.err;
+    orvtest::Session session(dir());
+    ASSERT_NE(session.ld(), nullptr);
+    ORVLibEntry* details = orvlib_get_database_details(session.ld(), const_cast<char*>("repo-ctl"));
+    ASSERT_NE(details, nullptr);
+    Entry lib;
+    for (ORVLibAttribute** a = details->orvlibEntryAttrData; a && *a; ++a) {
+        Attr attr{(*a)->attrId, (*a)->attrName ? (*a)->attrName : "", {}};
+        for (char** v = (*a)->attrVals; v && *v; ++v) attr.values.emplace_back(*v);
+        lib.push_back(attr);
+    }
+    orvlib_orvlibentry_free(details);
+    EXPECT_EQ(entry_from_json(Json::parse(shown.out)), lib);
+
+    RunResult unknown = on_dir({"db", "show", "no-such-repo"});
+    EXPECT_EQ(unknown.status, 1);
+    EXPECT_EQ(unknown.err, "orvctl: database of 'no-such-repo': " + library_status_line(LDAP_NO_SUCH_OBJECT) + "\n");
+    EXPECT_EQ(on_dir({"registry", "remove", "repo-ctl"}).status, 0);
 }
 
 // ------------------------------------------------------------ authentication
