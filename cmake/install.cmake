@@ -30,6 +30,7 @@ install(FILES
   ${CMAKE_SOURCE_DIR}/engine/ldap/include/orvldap.h
   ${CMAKE_SOURCE_DIR}/engine/ldap/include/orvplatforms.h
   ${CMAKE_SOURCE_DIR}/engine/ldap/include/orvldap_registry.h
+  ${CMAKE_SOURCE_DIR}/engine/ldap/include/orvldap_relationship.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
 # pkg-config: the prefix is found from the .pc file's own place, so the

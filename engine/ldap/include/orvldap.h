@@ -425,5 +425,7 @@ ORV_API int orvlib_modify_ext_s(LDAP* ld, const char* entryDN, unsigned long mod
 
 /* The application registry and database objects. */
 #include "orvldap_registry.h"
+/* End types, relationship types, external objects and relationships. */
+#include "orvldap_relationship.h"
 
 #endif /* ORVLDAP_H */
