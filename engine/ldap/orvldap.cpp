@@ -497,9 +497,11 @@ int orvlib_get_connection_status(LDAP* ld) {
             first = second = probe(corporate_admin_ld);
         }
         ldapErrCode = first;
-        if (first == orv::kServerDown || second == orv::kServerDown) {
+        if (orv::is_connection_drop(first) || orv::is_connection_drop(second)) {
             ORV_DEBUG("Connection timed out. Server down", "");
-            if (!reconnect_to_corporate_server()) {
+            // Both corporate connections must stand again: searches and user
+            // look-ups run on the administrative one.
+            if (!reconnect_to_corporate_server() || !corporate_admin_ld) {
                 ORV_DEBUG("temp_corp_ld is null", "");
                 ORV_DEBUG("could not reestablish the corporate connection", "");
                 return ORV_LDAPLIB_CONNECTION_INACTIVE;
