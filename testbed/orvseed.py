@@ -67,6 +67,8 @@ COMMON_DEFAULTS = {
     "orvctl": "",
     # "1": add the password-change user (PASSWORD_CHANGE_USER below).
     "pwd_change_user": "0",
+    # "1": add the external-relationship data set (RELATIONSHIP_* below).
+    "relationships": "0",
 }
 
 CORPORATE_DEFAULTS = {
@@ -446,6 +448,9 @@ def _orv_tree(seed, scenario, params, suffix):
                 "password_expiration": "", "expiry_warned": ""})
             parts.append(render("person.ldif.in", tmpl_vals))
 
+    if params.get("relationships") == "1":
+        _relationship_data(parts, suffix)
+
     if scenario == "corporate":
         _partition(seed, parts, params)
     if radius:
@@ -576,3 +581,47 @@ if __name__ == "__main__":
     s = build(sc, sfx, kv)
     for name, text in s.backends.items():
         sys.stdout.write("# backend %s\n%s" % (name, text))
+
+
+# External-relationship data set (parameter relationships=1): two tools,
+# three repositories (application servers whose ids are the repository ids
+# of object URNs "urn:morvane:<id>:..."), end types of each rule kind and
+# relationship types between them.  For an object of REPO-R1 (tool T1) at
+# end A and one of REPO-R2 (tool T2) at end B the valid types are
+# TYPE-R1-T2 (by repository and tool) and TYPE-ANY-ANY; the other way round
+# TYPE-T2-R1 and TYPE-ANY-ANY.
+RELATIONSHIP_TOOLS = {"T1": "1.3.6.1.4.1.47391.3", "T2": "1.3.6.1.4.1.47391.4"}
+RELATIONSHIP_REPOSITORIES = [("REPO-R1", "T1"), ("REPO-R2", "T2"), ("REPO-R3", "T1")]
+RELATIONSHIP_END_TYPES = [
+    # end id, rule type, rule values
+    ("END-ANY", "any", ["EMPTY_STRING"]),
+    ("END-R1", "repository", ["REPO-R1"]),
+    ("END-R3", "repository", ["REPO-R3"]),
+    ("END-T1", "tool", [RELATIONSHIP_TOOLS["T1"]]),
+    ("END-T2", "tool", [RELATIONSHIP_TOOLS["T2"]]),
+]
+RELATIONSHIP_TYPES = [
+    # type id, end A, end B
+    ("TYPE-R1-T2", "END-R1", "END-T2"),
+    ("TYPE-T2-R1", "END-T2", "END-R1"),
+    ("TYPE-T1-R3", "END-T1", "END-R3"),
+    ("TYPE-ANY-ANY", "END-ANY", "END-ANY"),
+]
+
+
+def _relationship_data(parts, suffix):
+    for rep_id, tool in RELATIONSHIP_REPOSITORIES:
+        parts.append(render("repository-server.ldif.in", {
+            "suffix": suffix, "server_id": rep_id, "tool_oid": RELATIONSHIP_TOOLS[tool],
+            "description": "repository %s of tool %s" % (rep_id, tool)}))
+    rules = {}
+    for end_id, rule_type, values in RELATIONSHIP_END_TYPES:
+        rules[end_id] = values
+        parts.append(render("end-type.ldif.in", {
+            "suffix": suffix, "uuid": stable_uuid("end:" + end_id), "end_id": end_id,
+            "rule_type": rule_type, "description": "end %s" % end_id, "rule_values": values}))
+    for type_id, end_a, end_b in RELATIONSHIP_TYPES:
+        parts.append(render("relationship-type.ldif.in", {
+            "suffix": suffix, "uuid": stable_uuid("type:" + type_id), "type_id": type_id,
+            "name": "%s to %s" % (end_a, end_b), "end_a": end_a, "end_b": end_b,
+            "rule_values_a": rules[end_a], "rule_values_b": rules[end_b]}))

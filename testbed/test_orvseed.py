@@ -102,7 +102,7 @@ class ScenarioTest(unittest.TestCase):
         attrs, classes = schema_names()
         self.assertIn("morvaneperson", classes)
         for scenario in orvseed.SCENARIOS:
-            seed = self.build(scenario, corp_port=1389, large_users=3)
+            seed = self.build(scenario, corp_port=1389, large_users=3, relationships=1)
             for backend in seed.backends:
                 dns = set()
                 for dn, pairs in self.entries(seed, backend):
