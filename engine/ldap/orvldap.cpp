@@ -29,6 +29,10 @@ std::string key_database_path() {
     return path;
 }
 
+}  // namespace
+
+namespace orv {
+
 // Version numbers are compared digit by digit at the even positions of the
 // server's text, as single-digit dotted components ("6.0.0.1" is 6001).
 // Positions past the end of the client's text count as digit 0.
@@ -45,6 +49,10 @@ bool client_version_too_old(const char* serverText) {
     }
     return static_cast<long long>(c) < static_cast<long long>(s);
 }
+
+}  // namespace orv
+
+namespace {
 
 void replace_owned(char*& target, const std::string& value) {
     orvlib_memfree(target);
@@ -390,7 +398,7 @@ int is_server_supported(LDAP* ld) {
     if (!vals || !vals.get()[0]) return ORV_LDAPLIB_VERSION_NOT_SUPPORTED;
     std::string server(vals.get()[0]->bv_val, vals.get()[0]->bv_len);
     ORV_DEBUG("Server compatible version", server);
-    return client_version_too_old(server.c_str()) ? ORV_LDAPLIB_VERSION_NOT_SUPPORTED : 0;
+    return orv::client_version_too_old(server.c_str()) ? ORV_LDAPLIB_VERSION_NOT_SUPPORTED : 0;
 }
 
 int populate_libinfo(LDAP* ld, ORVLibInfo** info) {

@@ -276,12 +276,7 @@ void apply_config_line(const std::wstring& line) {
     }
 }
 
-void read_config_file(FILE* f) {
-    std::string raw;
-    char chunk[4096];
-    size_t n;
-    while (raw.size() < kConfigFileMaxBytes && (n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
-        raw.append(chunk, n);
+void read_config_text(const std::string& raw) {
     std::wstring text = decode_utf8(raw.data(), raw.size());
     size_t pos = 0;
     if (!text.empty() && text[0] == 0xFEFF) pos = 1;  // byte-order mark
@@ -294,6 +289,15 @@ void read_config_file(FILE* f) {
         apply_config_line(text.substr(pos, len));
         pos += len;
     }
+}
+
+void read_config_file(FILE* f) {
+    std::string raw;
+    char chunk[4096];
+    size_t n;
+    while (raw.size() < kConfigFileMaxBytes && (n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
+        raw.append(chunk, n);
+    read_config_text(raw);
 }
 
 std::string source_location(const char* file, int line) {
@@ -545,6 +549,27 @@ void LogPEXMessage(const char* sourceFile, int lineNumber, const char* event,
 }  // extern "C"
 
 namespace orv {
+
+LoggerSettings logger_settings_from_text(const std::string& text) {
+    pthread_mutex_lock(&st_pmMutex);
+    const Configuration saved = st_stConfiguration;
+    set_defaults(st_stConfiguration);
+    read_config_text(text);
+    const Configuration& cfg = st_stConfiguration;
+    LoggerSettings out;
+    append_utf8(out.product, cfg.wszProductName);
+    append_utf8(out.version, cfg.wszProductVersion);
+    out.size_limit_mb = cfg.iSizeLimitMB;
+    out.log_level = cfg.iLogLevel;
+    out.trace_level = cfg.iTraceLevel;
+    out.max_files = cfg.iMaxFiles;
+    out.enable_logging = cfg.iEnableLogging;
+    out.enable_tracing = cfg.iEnableTracing;
+    out.enable_password_log = cfg.iEnablePasswordLog;
+    st_stConfiguration = saved;
+    pthread_mutex_unlock(&st_pmMutex);
+    return out;
+}
 
 void logger_reset_for_tests() {
     pthread_mutex_lock(&st_pmMutex);

@@ -122,6 +122,10 @@ inline int report(int status) {
     return status;
 }
 
+// True when the server's "kxslibrarycompatibleversion" text asks for a newer
+// client than this library (orvldap.cpp).
+bool client_version_too_old(const char* serverText);
+
 }  // namespace orv
 
 #define ORV_TRACE() ::orv::TraceGuard orv_trace_guard_(__FILE__, __LINE__, __func__)
