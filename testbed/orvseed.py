@@ -64,6 +64,8 @@ COMMON_DEFAULTS = {
     "pwd_lockout_duration": "600",
     "pwd_lockout": "on",
     "large_users": "0",
+    # Generated database roles over the generated users (see _role_members).
+    "large_roles": "0",
     "orvctl": "",
     # "1": add the password-change user (PASSWORD_CHANGE_USER below).
     "pwd_change_user": "0",
@@ -108,6 +110,13 @@ SCENARIOS = {
     "standalone-large": {
         "description": "standalone plus large_users generated users (user00001...) for paging",
         "defaults": {"large_users": "5000"},
+    },
+    "standalone-roles": {
+        "description": "standalone plus large_users generated users in large_roles generated "
+                       "database roles (member DNs in mixed spellings, users in no, one or "
+                       "several roles, a role without database id, a role that is no access "
+                       "role, a role that lists a user twice)",
+        "defaults": {"large_users": "5000", "large_roles": "20"},
     },
     "osauth": {
         "description": "mode 2 (operating-system authentication through PAM), trusted OS auth on",
@@ -448,6 +457,10 @@ def _orv_tree(seed, scenario, params, suffix):
                 "password_expiration": "", "expiry_warned": ""})
             parts.append(render("person.ldif.in", tmpl_vals))
 
+    roles = int(params.get("large_roles") or "0")
+    if roles > 0 and large > 0:
+        _generated_roles(parts, suffix, large, roles)
+
     if params.get("relationships") == "1":
         _relationship_data(parts, suffix)
 
@@ -462,6 +475,68 @@ def _orv_tree(seed, scenario, params, suffix):
     seed.passdb = "".join("%s:%s:%s\n" % (u["uid"], params["user_pw"], PAM_SERVICE) for u in users)
     seed.passdb += "%s:%s:%s\n" % (params["os_user"], params["os_pw"], PAM_SERVICE)
     params["admin_dn"] = admin_dn
+
+
+def _spelled_dn(uid, suffix, style):
+    """A user's DN written in one of four spellings that the directory
+    compares as equal: plain, upper case, blanks after commas, blanks around
+    every separator."""
+    if style == 0:
+        return "uid=%s,ou=People,%s" % (uid, suffix)
+    if style == 1:
+        return "UID=%s,OU=PEOPLE,%s" % (uid.upper(), suffix.upper())
+    if style == 2:
+        return "uid=%s, ou=people, %s" % (uid, ", ".join(suffix.split(",")))
+    return "uid = %s , ou = People , %s" % (uid, " , ".join(p.replace("=", " = ") for p in suffix.split(",")))
+
+
+def _role_members(i, roles):
+    """Generated roles of user i (1-based): none for every seventh user, else
+    one, a second one for even users and a third one for every fifth."""
+    if i % 7 == 0:
+        return []
+    picked = [i % roles]
+    if i % 2 == 0:
+        picked.append((i * 7 + 3) % roles)
+    if i % 5 == 0:
+        picked.append((i * 3 + 1) % roles)
+    out = []
+    for r in picked:
+        if r not in out:
+            out.append(r)
+    return out
+
+
+def _generated_roles(parts, suffix, users, roles):
+    """Database roles over the generated users.  The last role has no
+    database id; the one before it is no access role (its database id is
+    never reported); the first lists its first member twice, in two
+    spellings."""
+    members = [[] for _ in range(roles)]
+    for i in range(1, users + 1):
+        for r in _role_members(i, roles):
+            members[r].append(_spelled_dn("user%05d" % i, suffix, (i + r) % 4))
+    if members[0]:
+        first = members[0][0]
+        uid = re.match(r"\s*uid\s*=\s*([^ ,]+)", first, re.I).group(1).lower()
+        members[0].insert(1, _spelled_dn(uid, suffix, 3 if not first.startswith("uid = ") else 0))
+    for r in range(roles):
+        database_id = stable_uuid("database:gen%03d" % r)
+        with_db = r != roles - 1
+        access = r != roles - 2 or roles < 2
+        name = "gendb%03d" % r
+        if with_db:
+            parts.append(render("database.ldif.in", {
+                "suffix": suffix, "database_id": database_id, "name": name,
+                "host": "dbhost.orv.test", "port": str(6000 + r),
+                "radius_2fa": "0", "syslogin_2fa": "0", "prompt": "", "restrict_cmdline": "0"}))
+        role_id = stable_uuid("role:" + name)
+        parts.append(render("role.ldif.in", {
+            "suffix": suffix, "rdn": "orvRoleId=" + role_id,
+            "classes": ["accessRole", "morvaneRole"] if access else ["morvaneRole"],
+            "cn": "%s(%d@dbhost.orv.test)" % (name, 6000 + r), "description": "Generated database role",
+            "role_id": role_id, "database_id": database_id if with_db else "",
+            "members": members[r] or ["uid=dummyMemberDN,ou=people," + suffix]}))
 
 
 def _corp_defaults(params):

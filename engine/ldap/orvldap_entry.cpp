@@ -14,6 +14,7 @@
 
 #include "orv_internal.hpp"
 #include "orv_ldap.hpp"
+#include "orv_role_index.hpp"
 #include "orvldap_entry.h"
 #include "orvldap_search.h"
 #include "orvldap_session.h"
@@ -337,15 +338,36 @@ int append_from_server(LDAP* ld, LDAPMessage* server_entry, ORVLibEntry* entry, 
     return appended;
 }
 
-// Appends "nsRoleDN" with the roles listing member_dn, when there are any.
+// Appends "nsRoleDN" with the roles listing member_dn, when there are any
+// (from the search's role index when it has one).
 void append_roles(LDAP* ld, ORVLibEntry* entry, const char* member_dn) {
-    char** roles = getRolesOfUser(ld, member_dn);
+    char** roles = orv::roles_of_member(ld, member_dn);
     if (roles != nullptr) append_owned(entry, 19, _orvlib_dupString("nsRoleDN"), roles);
+}
+
+// The database ids of the entry's roles (its first "nsRoleDN" attribute
+// with values), in role order; index answers what it can, the directory the
+// rest.  NULL when no id is found.
+char** accessible_databases(ORVLibEntry* entry, LDAP* ld, const orv::RoleIndex* index) {
+    const ORVLibAttribute* roles = find_attribute(entry, 19);
+    if (roles == nullptr || ld == nullptr) return nullptr;
+    std::vector<std::string> ids;
+    for (char** role = roles->attrVals; *role != nullptr; ++role) {
+        ORV_DEBUG("Role DN", *role);
+        std::string id;
+        const int known = index != nullptr ? index->database_of(*role, id) : -1;
+        const bool found = known >= 0 ? known == 1 : orv::database_of_role(ld, *role, id);
+        if (found) {
+            ORV_DEBUG("Database ID", id);
+            ids.push_back(std::move(id));
+        }
+    }
+    return copy_values(ids);
 }
 
 // Appends "accessibleDatabases" with the database ids of the entry's roles.
 void append_databases(LDAP* ld, ORVLibEntry* entry) {
-    char** databases = getDatabaseAccessibleToUser(entry, ld);
+    char** databases = accessible_databases(entry, ld, orv::role_index_for(ld));
     if (databases != nullptr)
         append_owned(entry, 40, _orvlib_dupString("accessibleDatabases"), databases);
 }
@@ -608,27 +630,7 @@ int is_group_local_group(ORVLibEntry* entry) {
 
 char** getDatabaseAccessibleToUser(ORVLibEntry* entry, LDAP* ld) {
     ORV_TRACE();
-    const ORVLibAttribute* roles = find_attribute(entry, 19);
-    if (roles == nullptr || ld == nullptr) return nullptr;
-
-    static const char* const kAttrs[] = {"orvZorlaDatabaseId", nullptr};
-    std::vector<std::string> ids;
-    for (char** role = roles->attrVals; *role != nullptr; ++role) {
-        ORV_DEBUG("Role DN", *role);
-        orv::LdapMsg result;
-        const int rc = orv::search(ld, *role, LDAP_SCOPE_SUBTREE,
-                                   "(&(objectclass=accessrole)(objectclass=morvanerole))", kAttrs,
-                                   0, result);
-        if (rc != LDAP_SUCCESS) continue;
-        LDAPMessage* first = ldap_first_entry(ld, result.get());
-        if (first == nullptr) continue;
-        orv::OrvString id(get_databaseId_from_role(first, ld));
-        if (id) {
-            ORV_DEBUG("Database ID", id.get());
-            ids.emplace_back(id.get());
-        }
-    }
-    return copy_values(ids);
+    return accessible_databases(entry, ld, nullptr);
 }
 
 char* get_databaseId_from_role(LDAPMessage* role_entry, LDAP* ld) {
@@ -762,3 +764,23 @@ void check_and_populate_extended_information(LDAP* ld, LDAPMessage** msg, ORVLib
 }
 
 }  // extern "C"
+
+namespace orv {
+
+// The first access role at or below role_dn, as the directory finds it.
+bool database_of_role(LDAP* ld, const char* role_dn, std::string& id) {
+    static const char* const kAttrs[] = {"orvZorlaDatabaseId", nullptr};
+    LdapMsg result;
+    const int rc = search(ld, role_dn, LDAP_SCOPE_SUBTREE,
+                          "(&(objectclass=accessrole)(objectclass=morvanerole))", kAttrs, 0,
+                          result);
+    if (rc != LDAP_SUCCESS) return false;
+    LDAPMessage* first = ldap_first_entry(ld, result.get());
+    if (first == nullptr) return false;
+    OrvString value(get_databaseId_from_role(first, ld));
+    if (!value) return false;
+    id = value.get();
+    return true;
+}
+
+}  // namespace orv

@@ -97,6 +97,8 @@ struct Membership {
     }
 };
 
+struct RoleLookups;  // orv_role_index.hpp
+
 // Everything one search keeps while its caller iterates: pages, held
 // messages, cursors of the local searches, the member count of the
 // group-members list, membership results.  The exported globals of the
@@ -112,6 +114,9 @@ struct SearchState {
     Membership membership;           // ordinary membership search
     Membership library_membership;   // library group, corporate user
     bool ended = false;              // the iteration has returned its end
+    // Roles and database ids read once for the entries of this search
+    // (orv_role_index.hpp).
+    std::shared_ptr<RoleLookups> roles;
 };
 
 // The current search.
