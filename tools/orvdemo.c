@@ -4,7 +4,8 @@
  * directory (orvdemo HOST PORT [SSLPORT CERTDIR]) it opens a session, plain
  * and then over SSL, shows what the server reports, searches people and
  * groups, and registers an application server with a facility, prints its
- * URLs and removes both again.
+ * URLs and removes both again; it relates two objects of two repositories
+ * under a relationship type, lists the relationship and removes it.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -241,6 +242,92 @@ static int show_registry(const char* host, int port) {
     return failures;
 }
 
+/* Relates two objects of two repositories under a relationship type made
+ * for them, lists the relationships of the first repository and removes the
+ * relationship, the type and its end types again. */
+static int show_relationships(const char* host, int port) {
+    static char* urn1 = "urn:morvane:DEMO-REPO-1:document:1";
+    static char* urn2 = "urn:morvane:DEMO-REPO-2:item:7";
+    char* repo1[] = {"DEMO-REPO-1", NULL};
+    char* repo2[] = {"DEMO-REPO-2", NULL};
+    ORVLibInfo* info = NULL;
+    ORVLibEntry* end_a = NULL;
+    ORVLibEntry* end_b = NULL;
+    ORVLibEntry* type = NULL;
+    ORVLibEntry* rel = NULL;
+    ORVLibEntry* entry = NULL;
+    LDAPMessage* res = NULL;
+    LDAPMessage* cur;
+    char** vals;
+    char** desc;
+    char* urn = NULL;
+    LDAP* ld;
+    int rc, failures = 0;
+
+    printf("\nExternal relationships\n");
+    orvlib_init();
+    ld = orvlib_getsession_context(host, port, &info, 0);
+    if (!ld) {
+        printf("  session failed: %d\n", ldapErrCode);
+        orvlib_uninitialize_lib();
+        return 1;
+    }
+    end_a = orvlib_create_end_type_object(ld, "demo-end-a", "repository", repo1, "documents of repository 1");
+    end_b = orvlib_create_end_type_object(ld, "demo-end-b", "repository", repo2, "items of repository 2");
+    type = end_a && end_b ? orvlib_create_relationship_type(ld, "demo-type", "document describes item", end_a, end_b)
+                          : NULL;
+    rel = type ? orvlib_create_external_relationship(ld, urn1, "Design document", "release-1", urn2,
+                                                     "Work item 7", "release-1", type, "describes")
+               : NULL;
+    if (!rel) {
+        printf("  relating failed: %d\n", ldapErrCode);
+        failures = 1;
+    } else {
+        printf("  related %s\n       to %s under demo-type\n", urn1, urn2);
+        rc = orvlib_search_external_relationship(ld, repo1, NULL, &res, 0);
+        printf("  relationships of DEMO-REPO-1 (status %d):\n", rc);
+        for (cur = orvlib_first_er_entry(ld, &entry, res); cur; cur = orvlib_next_er_entry(ld, &entry, cur)) {
+            vals = orvlib_get_entry_er_vals(ld, entry, 113);
+            desc = orvlib_get_entry_er_vals(ld, entry, 127);
+            printf("    \"%s\" -> %s\n", desc && desc[0] ? desc[0] : "", vals && vals[0] ? vals[0] : "");
+            orvlib_free_values(vals);
+            orvlib_free_values(desc);
+            orvlib_orvlibentry_free(entry);
+            entry = NULL;
+        }
+        orvlib_orvmessage_free(res);
+        vals = orvlib_get_entry_er_vals(ld, rel, 22);
+        if (vals && vals[0]) {
+            urn = orvlib_str_malloc((unsigned int)strlen(vals[0]) + 24);
+            if (urn) sprintf(urn, "urn:morvane:relation:%s", vals[0]);
+        }
+        orvlib_free_values(vals);
+        rc = orvlib_remove_external_relationship(ld, urn, 0);
+        printf("  relationship removed: %d\n", rc);
+        if (rc != 0) failures = 1;
+        orvlib_memfree(urn);
+    }
+    if (type) {
+        rc = orvlib_remove_relationship_type(ld, "demo-type");
+        printf("  relationship type removed: %d\n", rc);
+        if (rc != 0) failures = 1;
+    }
+    if (end_a) printf("  end types removed: %d %d\n", orvlib_modify_end_rule(ld, "demo-end-a", 0, NULL, 0),
+                      end_b ? orvlib_modify_end_rule(ld, "demo-end-b", 0, NULL, 0) : -1);
+    orvlib_orvlibentry_free(rel);
+    orvlib_orvlibentry_free(type);
+    orvlib_orvlibentry_free(end_b);
+    orvlib_orvlibentry_free(end_a);
+    if (info) {
+        orvlib_memfree((void*)info->orv_server_version);
+        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
+        orvlib_orvlibinfo_free(info);
+    }
+    orvlib_unbind(ld);
+    orvlib_uninitialize_lib();
+    return failures;
+}
+
 static int online_demo(int argc, char** argv) {
     int failures = 0;
     printf("\nSessions:\n");
@@ -251,6 +338,7 @@ static int online_demo(int argc, char** argv) {
     }
     failures += show_searches(argv[1], atoi(argv[2]));
     failures += show_registry(argv[1], atoi(argv[2]));
+    failures += show_relationships(argv[1], atoi(argv[2]));
     return failures;
 }
 
