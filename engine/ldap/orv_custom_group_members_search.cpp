@@ -143,6 +143,15 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
                              ORVLIB_USER_ATTR_LIST, 0, res);
             if (rc != LDAP_SUCCESS) ORV_DEBUG("User not found in PEX", dn);
         }
+        if (is_drop(rc) || rc == orv::kTimeout) {
+            // The connection is gone or the server no longer answers: the
+            // walk ends here with that status rather than trying every
+            // remaining member (and each as a nested group) in vain.
+            ORV_DEBUG("Member walk ends, connection lost: ", rc);
+            orv::reset_group_members();
+            orv::report(rc);
+            return nullptr;
+        }
         LDAPMessage* e = rc == LDAP_SUCCESS ? orv::first_entry(conn, res.get()) : nullptr;
         if (!e) continue;  // not a user: possibly a nested group
 

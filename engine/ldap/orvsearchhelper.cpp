@@ -268,6 +268,7 @@ LDAPMessage* next_page() {
         p.ld = nullptr;
         p.more = false;
         has_more_pages = 0;
+        orv::report(orv::kServerDown);
     }
     while (p.ld && p.more) {
         LDAPMessage* page = nullptr;
@@ -275,6 +276,8 @@ LDAPMessage* next_page() {
         p.held.reset(page);
         if (rc != LDAP_SUCCESS && rc != LDAP_SIZELIMIT_EXCEEDED) {
             ORV_DEBUG("Fetching the next page failed: ", rc);
+            // The caller learns that the results end early, and why.
+            orv::report(rc);
             p.more = false;
             has_more_pages = 0;
             break;
