@@ -28,6 +28,22 @@ const char kPersonFilterStrict[] =
 using orv::corporate_search_mode;
 using orv::meta_groups_configured;
 
+// The text inside one pair of parentheses that encloses all of it ("(uid=x)"
+// gives "uid=x"); anything else as it is ("(a=b)(c=d)", "uid=x").
+std::string without_enclosing_parentheses(const std::string& text) {
+    if (text.size() < 2 || text.front() != '(' || text.back() != ')') return text;
+    int depth = 0;
+    for (std::string::size_type i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\') {
+            ++i;
+            continue;
+        }
+        if (text[i] == '(') ++depth;
+        if (text[i] == ')' && --depth == 0 && i + 1 != text.size()) return text;
+    }
+    return depth == 0 ? text.substr(1, text.size() - 2) : text;
+}
+
 // Every entry of a paged result in order, the later pages included.
 std::vector<std::string> all_dns(LDAP* ld, LDAPMessage* res) {
     std::vector<std::string> dns;
@@ -94,12 +110,13 @@ int orv_custom_people_search(LDAP* ld, const char* base, int scope, const char* 
         F = mechanism == ORV_VLV ? "objectclass=person" : kPersonFilterStrict;
     } else if (ORV_OPERATION_MODE == 1 && ORV_OP_MODE_SEARCH == 0) {
         // Local part of a corporate search: mirrored corporate users were
-        // found on the corporate server already.
-        if (!strchr(V, '='))
-            F = std::string("(&(|(cn=") + V + ")(uid=" + V +
-                "))(!(orvCorporateDN=*))(objectclass=person))";
+        // found on the corporate server already.  The value goes inside
+        // parentheses of its own, so a caller's "(uid=x)" loses its outer pair.
+        const std::string inner = without_enclosing_parentheses(V);
+        if (inner.find('=') == std::string::npos)
+            F = "(&(|(cn=" + inner + ")(uid=" + inner + "))(!(orvCorporateDN=*))(objectclass=person))";
         else
-            F = std::string("(&(") + V + ")" + "(!(orvCorporateDN=*))(objectclass=person))";
+            F = "(&(" + inner + ")" + "(!(orvCorporateDN=*))(objectclass=person))";
     } else {
         char* built = nullptr;
         if (mechanism == ORV_VLV)
@@ -167,8 +184,8 @@ int searchForWindowsSystemUser(const char* filter, LDAPMessage** res) {
     ORV_DEBUG("User Filter: ", filter ? filter : "");
     if (!orv_ld) return orv::report(ORV_LDAPLIB_SESSION_INVALID);
     if (!filter || !res) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
-    const std::string F =
-        std::string("(&(objectclass=orvWindowsUserInformation)") + "(" + filter + "))";
+    const std::string F = std::string("(&(objectclass=orvWindowsUserInformation)") + "(" +
+                          without_enclosing_parentheses(filter) + "))";
     orv::LdapMsg found;
     int rc = orv::search(orv_ld, ORV_WIN_USER_SYSTEM_INFO_BASE, LDAP_SCOPE_SUBTREE, F.c_str(),
                          nullptr, 0, found);

@@ -183,6 +183,8 @@ class Samba {
   int bulk_users() const;
   // <tls_dir()>/certdb/orvclientkey.kdb (PEM) trusts the server's CA.
   std::string tls_dir() const { return info_.str("tls_dir"); }
+  // The same trusting an unrelated CA.
+  std::string tls_untrusted_dir() const { return info_.str("tls_untrusted_dir"); }
   std::string workdir() const { return info_.str("workdir"); }
   const Json& info() const { return info_; }
   // Stop the server (data and address kept); start it again.
@@ -235,6 +237,11 @@ std::string default_suffix();
 
 // True while pid names a live (non-zombie) process.
 bool process_running(int pid);
+
+// Multi-supplier replication of the main suffix between two running
+// instances of the same suffix (orvtestbed replicate): the first one's data
+// is copied to the second, then changes flow both ways.
+void replicate(Directory& first, Directory& second);
 
 }  // namespace orv::testbed
 
