@@ -108,6 +108,47 @@ inline std::vector<std::pair<std::string, Outcome>> run_all(LDAP* ld) {
     add("modify uid", orvlib_modify_ext_s(ld, "alice", 1, 3, vals));
     add("modify NULLs", orvlib_modify_ext_s(ld, nullptr, 0, 0, nullptr));
 
+    // External relationships.
+    char* rule[] = {const_cast<char*>("REPO-R1"), nullptr};
+    auto cs = [](const char* t) { return const_cast<char*>(t); };
+    ORVLibEntry* end = orvlib_create_end_type_object(ld, cs("e"), cs("any"), rule, cs("d"));
+    add("create_end_type_object", ldapErrCode, end != nullptr);
+    ORVLibEntry* type = orvlib_create_relationship_type(ld, cs("t"), cs("n"), end, end);
+    add("create_relationship_type", ldapErrCode, type != nullptr);
+    ORVLibEntry* rel = orvlib_create_external_relationship(ld, cs("urn:morvane:R1:a"), cs("d"), cs("c"),
+                                                           cs("urn:morvane:R2:b"), cs("d"), cs("c"), type, cs("r"));
+    add("create_external_relationship", ldapErrCode, rel != nullptr);
+    add("modify_end_rule", orvlib_modify_end_rule(ld, cs("e"), 103, rule, 1));
+    add("modify_end_rule delete", orvlib_modify_end_rule(ld, cs("e"), 0, nullptr, 0));
+    add("search_relationship_types", orvlib_search_relationship_types(ld, cs("urn:morvane:R1:a"), nullptr, &res),
+        res != nullptr);
+    orvlib_orvmessage_free(res);
+    res = nullptr;
+    add("search_external_relationship", orvlib_search_external_relationship(ld, rule, nullptr, &res, 0),
+        res != nullptr);
+    got = orvlib_first_er_entry(ld, &entry, res) != nullptr || entry;
+    add("first_er_entry", ldapErrCode, got);
+    orvlib_orvlibentry_free(entry);
+    entry = nullptr;
+    orvlib_orvmessage_free(res);
+    res = nullptr;
+    char** values = orvlib_get_entry_er_vals(ld, rel, 127);
+    add("get_entry_er_vals", ldapErrCode, values != nullptr);
+    orvlib_free_values(values);
+    values = orvlib_search_external_relationship_on_repository_id(ld, cs("R1"));
+    add("search_external_relationship_on_repository_id", ldapErrCode, values != nullptr);
+    orvlib_free_values(values);
+    char* url = orvlib_get_url(ld, 6001);
+    add("get_url", ldapErrCode, url != nullptr);
+    orvlib_memfree(url);
+    add("notify on repository", orvlib_notify_external_relationship_changes_on_repository_id(ld, cs("R1"), nullptr));
+    add("notify on objects", orvlib_notify_external_relationship_changes_on_external_objects(ld, rule));
+    add("remove_external_relationship", orvlib_remove_external_relationship(ld, cs("u:1"), 0));
+    add("remove_relationship_type", orvlib_remove_relationship_type(ld, cs("t")));
+    orvlib_orvlibentry_free(rel);
+    orvlib_orvlibentry_free(type);
+    orvlib_orvlibentry_free(end);
+
     add("is_trusted_os_auth_supported", orvlib_is_trusted_os_auth_supported(ld));
     char* rdn = orvlib_get_user_rdn(ld);
     add("get_user_rdn", ldapErrCode, false);
