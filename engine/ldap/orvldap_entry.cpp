@@ -583,13 +583,12 @@ int entry_dn_exists_in_tier2(LDAP* ld, const char* corporateDN, ORVLibEntry** en
     if (ld == nullptr || corporateDN == nullptr || entry == nullptr)
         return orv::report(ORV_LDAPLIB_INVALID_INPUT);
 
-    orv::OrvString stripped(remove_paranthesis_from_string(corporateDN));
-    orv::OrvString escaped(dn_contains_backslash(stripped.get(), 0));
-    if (!escaped) return 0;
-    ORV_DEBUG("Modified DN ", escaped.get());
+    // The corporate DN as it stands, as a filter value (RFC 4515).
+    const std::string escaped = orv::filter_value(corporateDN);
+    ORV_DEBUG("Modified DN ", escaped);
     const std::string filter = std::string("(&(objectclass") + ORV_CONSTANT_EQUALS +
-                               "morvaneperson)(orvCorporateDN" + ORV_CONSTANT_EQUALS +
-                               escaped.get() + "))";
+                               "morvaneperson)(orvCorporateDN" + ORV_CONSTANT_EQUALS + escaped +
+                               "))";
     ORV_DEBUG("Search Filter: ", filter);
 
     orv::LdapMsg result;
