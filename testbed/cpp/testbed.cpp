@@ -550,6 +550,13 @@ void Directory::down() {
   if (r.status != 0) throw TestbedError("orvtestbed down failed:\n" + r.err + r.out);
 }
 
+void replicate(Directory& first, Directory& second) {
+  RunResult r = run_testbed({"replicate", "--workdir", first.workdir(), "--peer", second.workdir()});
+  if (r.status != 0) throw TestbedError("orvtestbed replicate failed:\n" + r.err + r.out);
+  std::cout << "[ testbed  ] " << first.name() << " and " << second.name() << " replicate each other: "
+            << last_line(r.out) << std::endl;
+}
+
 // ------------------------------------------------------------------ Radius
 
 Radius::Radius(const std::string& secret, const std::string& users_file,
