@@ -6,9 +6,13 @@
 
 #include <strings.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "orv_internal.hpp"
 #include "orv_ldap.hpp"
@@ -118,9 +122,12 @@ int request_page(Pager& p, LDAPMessage** out) {
                 ber_int_t estimate = 0;
                 if (c && ldap_parse_pageresponse_control(p.ld, c, &estimate, &cookie) ==
                              LDAP_SUCCESS) {
-                    p.cookie = ber_bytes(&cookie);
+                    std::string next = ber_bytes(&cookie);
                     if (cookie.bv_val) ber_memfree(cookie.bv_val);
-                    p.more = !p.cookie.empty();
+                    // The cookie just sent, handed back, would give this page again.
+                    p.looped = !next.empty() && next == p.cookie;
+                    p.cookie = std::move(next);
+                    p.more = !p.cookie.empty() && !p.looped;
                 }
             } else if (p.kind == PageKind::Vlv) {
                 LDAPControl* c = ldap_control_find(LDAP_CONTROL_VLVRESPONSE, returned, nullptr);
@@ -239,6 +246,7 @@ int paged_search(LDAP* ld, const char* base, int scope, const char* filter, char
     p.next_offset = 1;
 
     LDAPMessage* first = nullptr;
+    p.pages = 1;
     int rc = request_page(p, &first);
     if (p.kind != PageKind::None &&
         (rc == LDAP_UNAVAILABLE_CRITICAL_EXTENSION || rc == LDAP_VLV_ERROR ||
@@ -271,6 +279,15 @@ LDAPMessage* next_page() {
         orv::report(orv::kServerDown);
     }
     while (p.ld && p.more) {
+        if (p.pages >= ORV_SEARCH_MAX_PAGES) {
+            // A server whose pages never end: the search ends here.
+            ORV_DEBUG("Page limit reached: ", static_cast<long>(p.pages));
+            p.more = false;
+            has_more_pages = 0;
+            orv::report(LDAP_SIZELIMIT_EXCEEDED);
+            break;
+        }
+        ++p.pages;
         LDAPMessage* page = nullptr;
         int rc = request_page(p, &page);
         p.held.reset(page);
@@ -284,6 +301,11 @@ LDAPMessage* next_page() {
         }
         LDAPMessage* e = first_entry(p.ld, page);
         if (e) return e;
+    }
+    if (p.looped) {
+        // The results end with the page that came twice.
+        ORV_DEBUG("The server handed back the paging cookie it was sent", "");
+        orv::report(orv::kClientLoop);
     }
     return nullptr;
 }
@@ -370,11 +392,46 @@ LDAPMessage* dn_list_step(LDAP* ld, int searchType, ORVLibEntry** entry) {
     }
 }
 
+// The range an attribute name "member;range=<low>-<high>" (or "-*", the
+// last range) names.  `ranged` is false for a name without a range option;
+// a range that cannot be read counts as one that starts at -1.
+struct MemberRange {
+    bool ranged = false;
+    bool last = false;
+    long low = -1;
+    long high = -1;
+};
+
+std::string lowered_copy(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+MemberRange member_range_of(const std::string& name) {
+    MemberRange r;
+    const std::string::size_type at = lowered_copy(name).find(kMemberRange);
+    if (at == std::string::npos) return r;
+    r.ranged = true;
+    const std::string range = name.substr(at + sizeof kMemberRange - 1);
+    const std::string::size_type dash = range.find('-');
+    if (dash == std::string::npos || dash == 0 || dash > 18 ||
+        range.find_first_not_of("0123456789") != dash)
+        return r;
+    const std::string high = range.substr(dash + 1);
+    r.last = high == "*";
+    if (!r.last && (high.empty() || high.size() > 18 ||
+                    high.find_first_not_of("0123456789") != std::string::npos))
+        return r;
+    r.low = std::stol(range.substr(0, dash));
+    if (!r.last) r.high = std::stol(high);
+    return r;
+}
+
 // Reads the values of the attribute `attr` of dn (base scope, "objectclass="
 // + class), retrying after connection drops.  `exact` takes the attribute of
 // that name; otherwise the first attribute of the entry.
 int read_values(LDAP*& ld, const char* dn, const char* objectClass, const char* attr, bool exact,
-                std::vector<std::string>& out) {
+                std::vector<std::string>& out, std::string* name_read = nullptr) {
     out.clear();
     if (!ld) return ORV_LDAPLIB_SESSION_INVALID;
     if (!dn || !attr) return ORV_LDAPLIB_INVALID_INPUT;
@@ -403,6 +460,7 @@ int read_values(LDAP*& ld, const char* dn, const char* objectClass, const char* 
     if (!name) return LDAP_SUCCESS;
     ORV_DEBUG("First Entry found. AttrName:", name);
     out = orv::attribute_values(ld, e, name);
+    if (name_read) *name_read = name;
     return LDAP_SUCCESS;
 }
 
@@ -607,17 +665,36 @@ char** get_zorla_dns_paging(LDAP* ld, const char* dn, const char* objectClass,
     if (!all.empty()) return orv::to_orv_array(all);
 
     // The server hands the members out in ranges: 0-1499, 1500-2999, ...
-    // until a request fails or returns nothing.
-    for (long low = 0;; low += ORV_MEMBER_RANGE_WINDOW) {
+    // until the range it names ends in "*" (the last), a request fails or
+    // returns nothing.  Each answer must start where the request did; the
+    // next request starts after the answer's end (a server may hand out
+    // fewer values than asked for).
+    long low = 0;
+    for (int ranges = 1;; ++ranges) {
+        if (ranges > ORV_MEMBER_MAX_RANGES) {
+            ORV_DEBUG("Member range limit reached: ", low);
+            ldapErrCode = LDAP_SIZELIMIT_EXCEEDED;
+            return nullptr;
+        }
         const std::string attr = std::string(kMemberRange) + std::to_string(low) +
                                  ORV_CONSTANT_HYPHEN +
                                  std::to_string(low + ORV_MEMBER_RANGE_WINDOW - 1);
         ORV_DEBUG("Member range: ", attr);
         std::vector<std::string> chunk;
-        if (read_values(ld, dn, objectClass, attr.c_str(), false, chunk) != LDAP_SUCCESS ||
+        std::string name;
+        if (read_values(ld, dn, objectClass, attr.c_str(), false, chunk, &name) != LDAP_SUCCESS ||
             chunk.empty())
             break;
         all.insert(all.end(), chunk.begin(), chunk.end());
+        const MemberRange got = member_range_of(name);
+        if (!got.ranged) break;  // the whole attribute came at once
+        if (got.low != low || (!got.last && got.high < got.low)) {
+            ORV_DEBUG("Member range answered out of order: ", name);
+            ldapErrCode = orv::kClientLoop;
+            return nullptr;
+        }
+        if (got.last) break;
+        low = got.high + 1;
     }
     ORV_DEBUG("Number of member DNs: ", static_cast<long>(all.size()));
     return orv::to_orv_array(all);

@@ -1,0 +1,335 @@
+// The library against a directory server that answers with hostile results
+// (hostile_ldap_server.py, started on 127.0.0.1 for each case and stopped by
+// its process id): huge attribute counts, values of several megabytes, empty
+// DNs, entries without the attributes the library reads, undecodable
+// messages and controls, paged results that never end or loop, and member
+// ranges that never end or go backwards.  Every case ends with an exact
+// status, the library's allocations all returned and the process's memory
+// bounded.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "orvldap.h"
+#include "orvldap_search.h"
+#include "orvldap_utils.h"
+#include "session_support.hpp"
+
+namespace {
+
+const std::string kServerScript =
+    std::string(__FILE__).substr(0, std::string(__FILE__).rfind('/')) + "/hostile_ldap_server.py";
+
+// Resident memory of this process in MB.
+long resident_mb() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6)) / 1024;
+    return -1;
+}
+
+// One responder process for one scenario; stopped by its pid however the
+// test ends.
+class HostileServer {
+public:
+    explicit HostileServer(const std::string& scenario) {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(fds[1], STDOUT_FILENO);
+            close(fds[0]);
+            close(fds[1]);
+            execlp("python3", "python3", kServerScript.c_str(), scenario.c_str(), (char*)nullptr);
+            _exit(127);
+        }
+        close(fds[1]);
+        std::string text;
+        char c;
+        while (read(fds[0], &c, 1) == 1 && c != '\n') text += c;
+        close(fds[0]);
+        port_ = text.empty() ? 0 : std::stoi(text);
+    }
+    ~HostileServer() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+    int port() const { return port_; }
+
+private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+struct Walk {
+    int search_status = -1;
+    int entries = 0;
+    int end_status = -1;            // ldapErrCode once the iteration ended
+    std::vector<int> attributes;    // attributes of each entry
+    std::vector<std::string> uids;  // first "uid" (id 3) of each entry, "" without one
+    std::vector<size_t> widest;     // longest value of each entry
+};
+
+// A people search for "hostile" in a session on the responder, walked to its
+// end (at most `limit` entries), everything freed.
+Walk walk_people(orvtest::Session& session, int limit = 1000000) {
+    Walk w;
+    LDAP* ld = session.ld();
+    LDAPMessage* res = nullptr;
+    w.search_status = orvlib_search_ext_s(ld, "hostile", ORV_SEARCH_PEOPLE, &res);
+    ORVLibEntry* entry = nullptr;
+    for (LDAPMessage* e = orvlib_first_entry(ld, &entry, res); e && w.entries < limit;
+         e = orvlib_next_entry(ld, &entry, e)) {
+        ++w.entries;
+        int count = 0;
+        size_t widest = 0;
+        for (ORVLibAttribute** a = entry->orvlibEntryAttrData; a && *a; ++a, ++count)
+            for (char** v = (*a)->attrVals; v && *v; ++v) widest = std::max(widest, strlen(*v));
+        w.attributes.push_back(count);
+        w.widest.push_back(widest);
+        char** uid = orvlib_get_entry_vals(entry, 3);
+        w.uids.push_back(uid && uid[0] ? uid[0] : "");
+        orvlib_free_values(uid);
+        orvlib_orvlibentry_free(entry);
+        entry = nullptr;
+    }
+    orvlib_orvlibentry_free(entry);
+    w.end_status = ldapErrCode;
+    if (res) orvlib_orvmessage_free(res);
+    return w;
+}
+
+class HostileServerTest : public ::testing::Test {
+protected:
+    void SetUp() override { rss_start_ = resident_mb(); }
+    void TearDown() override {
+        mechanism = saved_mechanism_;
+        operatingMechanism = saved_mechanism_;
+        // 20 MB answers may pass through; nothing may stay or pile up.
+        EXPECT_LT(resident_mb() - rss_start_, 256) << "resident memory grew";
+    }
+    void open(orvtest::Session& session, const HostileServer& server) {
+        ASSERT_GT(server.port(), 0) << "the responder did not start";
+        session.open("127.0.0.1", server.port());
+        ASSERT_NE(session.ld(), nullptr) << "status " << session.status();
+        saved_mechanism_ = mechanism;
+    }
+    void use_paged_results() {
+        mechanism = ORV_PAGING;
+        operatingMechanism = ORV_PAGING;
+    }
+
+private:
+    long rss_start_ = 0;
+    int saved_mechanism_ = -1;
+};
+
+TEST_F(HostileServerTest, SessionSetUpWithoutTheEntriesItReads) {
+    {
+        // No compatibility version: the server is not one this library knows.
+        HostileServer server("no-version");
+        orvtest::Session session("127.0.0.1", server.port());
+        EXPECT_EQ(session.ld(), nullptr);
+        EXPECT_EQ(session.status(), 3035);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // No configuration entry: the session stands in standalone mode.
+        HostileServer server("no-config");
+        orvtest::Session session("127.0.0.1", server.port());
+        EXPECT_NE(session.ld(), nullptr);
+        EXPECT_EQ(session.status(), 0);
+        EXPECT_EQ(ORV_OPERATION_MODE, 0);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+}
+
+TEST_F(HostileServerTest, HostileEntries) {
+    {
+        // 20,000 attributes in one entry: all of them reach the caller.
+        HostileServer server("many-attributes");
+        orvtest::Session session;
+        open(session, server);
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        ASSERT_EQ(w.entries, 1);
+        EXPECT_GE(w.attributes[0], 20004);
+        EXPECT_EQ(w.uids[0], "hostile");
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // Values of 4 and 8 MB arrive whole.
+        HostileServer server("huge-values");
+        orvtest::Session session;
+        open(session, server);
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        ASSERT_EQ(w.entries, 1);
+        EXPECT_EQ(w.widest[0], size_t{8} << 20);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // Entries named by an empty DN, one of them without attributes.
+        HostileServer server("empty-dn");
+        orvtest::Session session;
+        open(session, server);
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        ASSERT_EQ(w.entries, 2);
+        EXPECT_EQ(w.uids[0], "");
+        EXPECT_EQ(w.uids[1], "hostile");
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // Entries without any of the attributes a person has, one with an
+        // attribute that carries no value.
+        HostileServer server("missing-attributes");
+        orvtest::Session session;
+        open(session, server);
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        ASSERT_EQ(w.entries, 2);
+        EXPECT_EQ(w.uids[0], "");
+        EXPECT_EQ(w.uids[1], "");
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // An entry whose attribute list claims 2 GB: the entry arrives
+        // without attributes.
+        HostileServer server("bad-ber");
+        orvtest::Session session;
+        open(session, server);
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        ASSERT_EQ(w.entries, 1);
+        EXPECT_EQ(w.uids[0], "");
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+}
+
+TEST_F(HostileServerTest, BrokenResponseControls) {
+    // A paged-results response that is not BER, a truncated window
+    // response and an unknown control: the page stands, nothing follows.
+    for (bool paged : {false, true}) {
+        HostileServer server("broken-controls");
+        orvtest::Session session;
+        open(session, server);
+        if (paged) use_paged_results();
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0) << paged;
+        EXPECT_EQ(w.entries, 1) << paged;
+        EXPECT_EQ(has_more_pages, 0) << paged;
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+}
+
+TEST_F(HostileServerTest, PagedResultsThatDoNotEnd) {
+    {
+        // A new cookie with every page, for ever: the search stops at the
+        // page limit with "size limit exceeded".
+        HostileServer server("endless-cookie");
+        orvtest::Session session;
+        open(session, server);
+        use_paged_results();
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        EXPECT_EQ(w.entries, ORV_SEARCH_MAX_PAGES);
+        EXPECT_EQ(w.end_status, 4);
+        EXPECT_EQ(has_more_pages, 0);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // The same cookie again: a loop, detected at the second page.
+        HostileServer server("same-cookie");
+        orvtest::Session session;
+        open(session, server);
+        use_paged_results();
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        EXPECT_EQ(w.entries, 2);
+        EXPECT_EQ(w.end_status, 96);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // One entry, then empty pages with ever new cookies: the iteration
+        // ends at the page limit.
+        HostileServer server("empty-pages");
+        orvtest::Session session;
+        open(session, server);
+        use_paged_results();
+        Walk w = walk_people(session);
+        EXPECT_EQ(w.search_status, 0);
+        EXPECT_EQ(w.entries, 1);
+        EXPECT_EQ(w.end_status, 4);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+}
+
+TEST_F(HostileServerTest, MemberRanges) {
+    const char* group = "cn=big,ou=Groups";
+    {
+        // Well-behaved: 0-1499, then the last range "1500-*".
+        HostileServer server("ranges-star");
+        orvtest::Session session;
+        open(session, server);
+        ldapErrCode = 0;
+        char** members = get_zorla_dns_paging(session.ld(), group, "group", "member");
+        ASSERT_NE(members, nullptr);
+        EXPECT_EQ(count_array_elements(members), 1510);
+        EXPECT_STREQ(members[1509], "uid=m1509,ou=People");
+        EXPECT_EQ(ldapErrCode, 0);
+        orvlib_free_values(members);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // Ranges for ever: stopped at the range limit.
+        HostileServer server("ranges-endless");
+        orvtest::Session session;
+        open(session, server);
+        ldapErrCode = 0;
+        char** members = get_zorla_dns_paging(session.ld(), group, "group", "member");
+        EXPECT_EQ(members, nullptr);
+        EXPECT_EQ(ldapErrCode, 4);
+        orvlib_free_values(members);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+    {
+        // The second answer starts again at 0: a loop.
+        HostileServer server("ranges-backwards");
+        orvtest::Session session;
+        open(session, server);
+        ldapErrCode = 0;
+        char** members = get_zorla_dns_paging(session.ld(), group, "group", "member");
+        EXPECT_EQ(members, nullptr);
+        EXPECT_EQ(ldapErrCode, 96);
+        orvlib_free_values(members);
+        session.close();
+        EXPECT_EQ(session.outstanding(), 0);
+    }
+}
+
+}  // namespace
