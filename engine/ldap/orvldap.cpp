@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "orv_internal.hpp"
 #include "orv_ldap.hpp"
@@ -63,7 +65,7 @@ void replace_owned(char*& target, const std::string& value) {
 // connection: open (plain or SSL), protocol version 3, version check, the
 // library's own SASL bind.  `checkSslInit` decides whether a failing SSL
 // client initialisation stops the call.
-LDAP* open_local_connection(const char* host, int port, int ssl, bool checkSslInit) {
+LDAP* open_one_server(const char* host, int port, int ssl, bool checkSslInit) {
     LDAP* ld = nullptr;
     if (ssl == 1) {
         _orvSSLEnabled = 1;
@@ -122,6 +124,27 @@ LDAP* open_local_connection(const char* host, int port, int ssl, bool checkSslIn
         orv::report(rc);
         orv::unbind(ld);
         return nullptr;
+    }
+    return ld;
+}
+
+// The host argument may list several servers separated by blanks
+// ("host1:port1 host2:port2", each with its own port or the port argument),
+// as ldap_init takes it: a fail-over list.  The servers are tried one after
+// the other, each through the whole opening sequence, so that a server that
+// refuses or drops the connection, or accepts it and then does not answer
+// within the time-out (hung or stopped), gives way to the next one.  Any
+// other refusal (version not supported, bind refused) is final.
+LDAP* open_local_connection(const char* host, int port, int ssl, bool checkSslInit) {
+    std::vector<std::string> hosts;
+    std::istringstream in(host ? host : "");
+    for (std::string h; in >> h;) hosts.push_back(h);
+    if (hosts.size() < 2) return open_one_server(host, port, ssl, checkSslInit);
+    LDAP* ld = nullptr;
+    for (const std::string& h : hosts) {
+        ORV_DEBUG("Opening the connection to", h);
+        ld = open_one_server(h.c_str(), port, ssl, checkSslInit);
+        if (ld || !(orv::is_connection_drop(ldapErrCode) || ldapErrCode == orv::kTimeout)) break;
     }
     return ld;
 }

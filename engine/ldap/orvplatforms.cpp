@@ -181,12 +181,18 @@ LDAP* ldap_ssl_init(const char* host, int port, const char* certificateLabel) {
     ORV_TRACE();
     (void)certificateLabel;
     if (!host || !*host || port <= 0 || port > 65535) return nullptr;
-    // A host argument may list several hosts separated by blanks.
+    // A host argument may list several hosts separated by blanks, each
+    // with a port of its own ("host:port", "[v6 address]:port") or the port
+    // argument.
     std::istringstream hosts(host);
     std::string h, urls;
     while (hosts >> h) {
         if (!urls.empty()) urls += ' ';
-        urls += "ldaps://" + h + ":" + std::to_string(port);
+        const size_t colon = h.rfind(':');
+        const bool hasPort = h[0] == '['
+                                 ? h.find("]:") != std::string::npos
+                                 : colon != std::string::npos && h.find(':') == colon;
+        urls += "ldaps://" + h + (hasPort ? "" : ":" + std::to_string(port));
     }
     LDAP* ld = nullptr;
     if (ldap_initialize(&ld, urls.c_str()) != LDAP_SUCCESS) return nullptr;

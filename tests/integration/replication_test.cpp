@@ -195,3 +195,32 @@ TEST_F(Replication, FailOverToTheSecondSupplierAndBack) {
     EXPECT_EQ(orvlib_uninitialize_lib(), 0);
     EXPECT_EQ(_memCnt, start);
 }
+
+// A first supplier that still accepts connections but no longer answers
+// (stopped): the probe's search and then the first supplier's version check
+// each run out of time, and the second supplier takes over.
+TEST_F(Replication, HungFirstSupplierGivesWayAfterTheTimeOuts) {
+    orv::g_timeout_seconds = 2;
+    const int start = _memCnt;
+    orvlib_init();
+    LDAP* ld = orvlib_getsession_context(failover_list().c_str(), supplier1().port(), nullptr, 0);
+    ASSERT_NE(ld, nullptr) << ldapErrCode;
+    ASSERT_EQ(connected_port(), supplier1().port());
+
+    const int pid1 = supplier1().pid();
+    ASSERT_EQ(kill(pid1, SIGSTOP), 0);
+    const auto t0 = Clock::now();
+    const int status = orvlib_get_connection_status(ld);
+    const double failover = seconds_since(t0);
+    kill(pid1, SIGCONT);
+    EXPECT_EQ(status, 3040);
+    EXPECT_EQ(connected_port(), supplier2().port());
+    EXPECT_GE(failover, 2.0 * orv::g_timeout_seconds - 0.5) << "two time-outs: the probe, the version check";
+    std::printf("[ failover ] supplier 1 stopped (result time-out %d s): re-opened on supplier 2 in %.2f s\n",
+                orv::g_timeout_seconds, failover);
+    EXPECT_EQ(orvlib_authenticate_user(orv_ld, "alice", supplier1().user_pw().c_str()), 0);
+
+    EXPECT_EQ(orvlib_unbind(orv_ld), 0);
+    EXPECT_EQ(orvlib_uninitialize_lib(), 0);
+    EXPECT_EQ(_memCnt, start);
+}
