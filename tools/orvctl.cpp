@@ -143,6 +143,36 @@ const std::vector<Command>& commands() {
          {{"json", 0, nullptr, "print the entry as one JSON object"},
           {"id", 0, "ID", "the database id"}},
          1, 4, true, cmd_db},
+        {"rel", "SUBCOMMAND ...", "end types, relationship types and relationships",
+         "  rel endtype add RULE_TYPE [VALUE...] --description TEXT [--id ID]\n"
+         "      creates an end type; RULE_TYPE is any, repository or tool, the values\n"
+         "      repository ids or tool OIDs (at most 19)\n"
+         "  rel endtype show|remove END_ID\n"
+         "  rel type add NAME END_A END_B [--id ID]\n"
+         "      creates a relationship type from end type END_A to END_B\n"
+         "  rel type list [URN_A URN_B]\n"
+         "      every relationship type, or those valid from object URN_A to URN_B\n"
+         "  rel type remove TYPE_ID\n"
+         "  rel create TYPE_ID URN_A URN_B --description-a TEXT --context-a C\n"
+         "             --description-b TEXT --context-b C [--description TEXT]\n"
+         "      relates two external objects (created or updated on the way)\n"
+         "  rel search [--repository ID [--context C]] | rel search URN...\n"
+         "      relationships of a repository, of objects, or all\n"
+         "  rel remove RELATIONSHIP_URN [--mark]\n"
+         "      deletes the relationship named by the last ':' field, or marks it\n"
+         "  rel notify --repository ID [--context C] | rel notify URN...\n"
+         "      marks the relationships of a repository or of objects for deletion",
+         {{"json", 0, nullptr, "print one JSON object per entry"},
+          {"id", 0, "ID", "id of the new end type or relationship type"},
+          {"description", 0, "TEXT", "description of the end type or relationship"},
+          {"description-a", 0, "TEXT", "description of object A"},
+          {"description-b", 0, "TEXT", "description of object B"},
+          {"context-a", 0, "C", "context of object A"},
+          {"context-b", 0, "C", "context of object B"},
+          {"repository", 0, "ID", "repository id"},
+          {"context", 0, "C", "object context"},
+          {"mark", 0, nullptr, "mark for deletion instead of deleting"}},
+         1, 3 + PEXLIB_MAX_RULE_VALUES, true, cmd_rel},
         {"guid", "", "print a new version-1 GUID", "Prints a new version-1 GUID.", {}, 0, 0, false,
          cmd_guid},
         {"encipher", "PLAINTEXT", "print the stored form of a credential",

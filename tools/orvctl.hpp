@@ -161,6 +161,7 @@ int cmd_decipher(const Args& args);
 int cmd_check_password(const Args& args);
 int cmd_registry(const Args& args);
 int cmd_db(const Args& args);
+int cmd_rel(const Args& args);
 
 }  // namespace orvctl
 

@@ -32,6 +32,7 @@ constexpr int kLargeUsers = 1100;  // more than one page of 1000
 ORV_TESTBED_ENVIRONMENT(orv::testbed::Options()
                             .with_scenario("standalone-large")
                             .with_param("large_users", std::to_string(kLargeUsers))
+                            .with_param("relationships", "1")
                             .with_tls());
 
 orv::testbed::Directory& dir() { return orv::testbed::Environment::directory(); }
@@ -542,6 +543,126 @@ TEST_F(OrvctlTest, DatabaseCommands) {
     EXPECT_EQ(unknown.status, 1);
     EXPECT_EQ(unknown.err, "orvctl: database of 'no-such-repo': " + library_status_line(LDAP_NO_SUCH_OBJECT) + "\n");
     EXPECT_EQ(on_dir({"registry", "remove", "repo-ctl"}).status, 0);
+}
+
+TEST_F(OrvctlTest, RelationshipCommandsAgreeWithTheLibrary) {
+    orvtest::Session session(dir());
+    ASSERT_NE(session.ld(), nullptr);
+    LDAP* ld = session.ld();
+    auto er_entries = [&](LDAPMessage* res) {
+        std::vector<Entry> out;
+        ORVLibEntry* e = nullptr;
+        for (LDAPMessage* cur = orvlib_first_er_entry(ld, &e, res); cur; cur = orvlib_next_er_entry(ld, &e, cur)) {
+            Entry entry;
+            for (ORVLibAttribute** a = e->orvlibEntryAttrData; a && *a; ++a) {
+                Attr attr{(*a)->attrId, (*a)->attrName ? (*a)->attrName : "", {}};
+                for (char** v = (*a)->attrVals; v && *v; ++v) attr.values.emplace_back(*v);
+                entry.push_back(attr);
+            }
+            out.push_back(entry);
+            orvlib_orvlibentry_free(e);
+            e = nullptr;
+        }
+        orvlib_orvmessage_free(res);
+        return out;
+    };
+    // orvctl adds the derived descriptions (127, 128) of relationships.
+    auto stored_only = [](std::vector<Entry> entries) {
+        for (Entry& e : entries)
+            e.erase(std::remove_if(e.begin(), e.end(), [](const Attr& a) { return a.id == 127 || a.id == 128; }),
+                    e.end());
+        return entries;
+    };
+
+    // End types and a type between them; an existing end id is shown with a warning.
+    RunResult end_a = on_dir({"rel", "endtype", "add", "repository", "REPO-R1", "--id", "CTL-END-A", "--description", "ctl a"});
+    ASSERT_EQ(end_a.status, 0) << end_a.err;
+    ASSERT_EQ(on_dir({"rel", "endtype", "add", "tool", "1.3.6.1.4.1.47391.4", "--id", "CTL-END-B", "--description", "ctl b"}).status, 0);
+    RunResult again = on_dir({"rel", "endtype", "add", "any", "--id", "CTL-END-A", "--description", "x", "--json"});
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.err, "orvctl: end type 'CTL-END-A' exists already; it is shown unchanged\n");
+    bool repository_rule = false;
+    for (const Attr& a : entry_from_json(Json::parse(again.out)))
+        if (a.id == 101) repository_rule = a.values == std::vector<std::string>{"repository"};
+    EXPECT_TRUE(repository_rule) << again.out;
+    EXPECT_EQ(on_dir({"rel", "endtype", "add", "sometimes", "--id", "CTL-END-C", "--description", "x"}).status, 1);
+    ASSERT_EQ(on_dir({"rel", "type", "add", "ctl documents", "CTL-END-A", "CTL-END-B", "--id", "CTL-TYPE"}).status, 0);
+    EXPECT_EQ(on_dir({"rel", "type", "add", "x", "CTL-END-A", "NO-SUCH-END"}).status, 1);
+
+    // Valid types from an object of R1 to one of R2 (tool T2): the library's list.
+    const char* urn_a = "urn:morvane:REPO-R1:doc:ctl-1";
+    const char* urn_b = "urn:morvane:REPO-R2:item:ctl-2";
+    LDAPMessage* res = nullptr;
+    ASSERT_EQ(orvlib_search_relationship_types(ld, const_cast<char*>(urn_a), const_cast<char*>(urn_b), &res), 0);
+    std::vector<Entry> valid = er_entries(res);
+    RunResult types = on_dir({"rel", "type", "list", urn_a, urn_b, "--json"});
+    ASSERT_EQ(types.status, 0) << types.err;
+    EXPECT_EQ(entries_from_json_lines(types.out), valid);
+    bool listed = false;
+    for (const Entry& e : valid)
+        for (const Attr& a : e)
+            if (a.id == 104 && a.values == std::vector<std::string>{"CTL-TYPE"}) listed = true;
+    EXPECT_TRUE(listed);
+
+    // Relate, search both ways, compare with the library.
+    RunResult made = on_dir({"rel", "create", "CTL-TYPE", urn_a, urn_b, "--description", "ctl relates",
+                             "--description-a", "Doc one", "--context-a", "v1", "--description-b", "Item two",
+                             "--context-b", "v2", "--json"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    std::string relationship_id;
+    bool described = false;
+    for (const Attr& a : entry_from_json(Json::parse(made.out))) {
+        if (a.id == 22) relationship_id = a.values.at(0);
+        if (a.id == 127) described = a.values == std::vector<std::string>{"Doc one"};
+    }
+    ASSERT_FALSE(relationship_id.empty()) << made.out;
+    EXPECT_TRUE(described) << made.out;
+
+    char* by_urn[] = {const_cast<char*>(urn_b), nullptr};
+    ASSERT_EQ(orvlib_search_external_relationship(ld, by_urn, nullptr, &res, PEXLIB_SEARCH_BY_OBJECT_URNS), 0);
+    std::vector<Entry> of_b = er_entries(res);
+    ASSERT_EQ(of_b.size(), 1u);
+    RunResult searched = on_dir({"rel", "search", urn_b, "--json"});
+    ASSERT_EQ(searched.status, 0) << searched.err;
+    EXPECT_EQ(stored_only(entries_from_json_lines(searched.out)), of_b);
+    char* repo[] = {const_cast<char*>("REPO-R1"), nullptr};
+    ASSERT_EQ(orvlib_search_external_relationship(ld, repo, nullptr, &res, PEXLIB_SEARCH_BY_REPOSITORY_ID), 0);
+    RunResult of_repo = on_dir({"rel", "search", "--repository", "REPO-R1", "--json"});
+    ASSERT_EQ(of_repo.status, 0) << of_repo.err;
+    EXPECT_EQ(stored_only(entries_from_json_lines(of_repo.out)), er_entries(res));
+
+    // The type is in use; notify marks, remove deletes.
+    RunResult in_use = on_dir({"rel", "type", "remove", "CTL-TYPE"});
+    EXPECT_EQ(in_use.status, 1);
+    EXPECT_EQ(in_use.err, "orvctl: remove relationship type 'CTL-TYPE': " + library_status_line(3008) + "\n");
+    EXPECT_EQ(on_dir({"rel", "notify", urn_a}).status, 0);
+    ASSERT_EQ(orvlib_search_external_relationship(ld, by_urn, nullptr, &res, PEXLIB_SEARCH_BY_OBJECT_URNS), 0);
+    std::vector<Entry> marked = er_entries(res);
+    ASSERT_EQ(marked.size(), 1u);
+    bool flagged = false;
+    for (const Attr& a : marked[0])
+        if (a.id == 114) flagged = a.values == std::vector<std::string>{"1"};
+    EXPECT_TRUE(flagged);
+    const std::string urn = "urn:morvane:relation:" + relationship_id;
+    EXPECT_EQ(on_dir({"rel", "remove", urn}).status, 0);
+    RunResult gone = on_dir({"rel", "remove", urn});
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_EQ(gone.err, "orvctl: remove relationship '" + urn + "': " + library_status_line(3009) + "\n");
+    EXPECT_EQ(on_dir({"rel", "type", "remove", "CTL-TYPE"}).status, 0);
+    EXPECT_EQ(on_dir({"rel", "endtype", "remove", "CTL-END-A"}).status, 0);
+    EXPECT_EQ(on_dir({"rel", "endtype", "remove", "CTL-END-B"}).status, 0);
+    EXPECT_EQ(on_dir({"rel", "endtype", "show", "CTL-END-A"}).status, 1);
+
+    // Command lines refused before any connection.
+    for (std::vector<std::string> bad : {std::vector<std::string>{"rel", "type", "add", "only-a-name"},
+                                         std::vector<std::string>{"rel", "endtype", "rename", "X"},
+                                         std::vector<std::string>{"rel", "endtype", "add", "any"},
+                                         std::vector<std::string>{"rel", "notify"},
+                                         std::vector<std::string>{"rel", "create", "T", "urn:a", "urn:b"},
+                                         std::vector<std::string>{"rel", "link", "a", "b"}}) {
+        bad.insert(bad.begin(), {"-H", "127.0.0.1:1"});
+        EXPECT_EQ(orvctl(bad).status, 2) << bad[3];
+    }
 }
 
 // ------------------------------------------------------------ authentication
