@@ -77,9 +77,9 @@ int orv_custom_user_group_membership_srch(LDAP* ld, const char* filter) {
     ORV_DEBUG("DN from uid: ", user_dn ? user_dn.get() : "");
     if (!user_dn) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
 
-    orv::OrvString escaped(dn_contains_backslash(user_dn.get(), 0));
+    // The DN as a filter value (RFC 4515): "CN=Smith\, John,..." matches.
     const char* attr = ORV_OPERATION_MODE == 1 && mechanism == ORV_PAGING ? "member" : "uniquemember";
-    const std::string F = std::string(attr) + ORV_CONSTANT_EQUALS + escaped.get();
+    const std::string F = std::string(attr) + ORV_CONSTANT_EQUALS + orv::filter_value(user_dn.get());
     ORV_DEBUG("search_filter: ", F);
 
     orv::OrvString group_dn(getDNFromGroupCN(ld, group.get(), nullptr));
@@ -132,8 +132,8 @@ int orv_custom_user_group_membership_standalone_grp_crp_usr_srch(LDAP* ld, const
     ORV_DEBUG("Complete DN for user: ", user_dn ? user_dn.get() : "");
     if (!user_dn) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
 
-    orv::OrvString escaped(dn_contains_backslash(user_dn.get(), 0));
-    const std::string F = std::string("uniquemember") + ORV_CONSTANT_EQUALS + escaped.get();
+    const std::string F =
+        std::string("uniquemember") + ORV_CONSTANT_EQUALS + orv::filter_value(user_dn.get());
     orv::OrvString group_dn(is_filter_tier2_group_dn(group.get()) == 1
                                 ? remove_paranthesis_from_string(group.get())
                                 : getDNFromGroupCN(ld, group.get(), ORV_GROUP_SRCH_BASE));

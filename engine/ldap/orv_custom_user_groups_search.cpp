@@ -80,8 +80,8 @@ int orv_custom_user_groups_search(LDAP* ld, const char* filter, LDAPMessage** re
         }
         if (user_dn.empty()) return orv::report(ORV_LDAPLIB_INVALID_INPUT);
     }
-    orv::OrvString escaped(dn_contains_backslash(user_dn.c_str(), 0));
-    const std::string M = escaped ? escaped.get() : user_dn;
+    // The DN as a filter value (RFC 4515): "CN=Smith\, John,..." matches.
+    const std::string M = orv::filter_value(user_dn);
     ORV_DEBUG("Modified DN: ", M);
 
     LDAP* conn = ld;
@@ -141,8 +141,7 @@ LDAPMessage* perform_standalone_user_groups_search(LDAP* ld, const char* filter)
         ORV_DEBUG("No of entries in searchresult: ", 0);
         return nullptr;
     }
-    orv::OrvString escaped(dn_contains_backslash(dn.c_str(), 0));
-    const std::string F = member_filter(escaped ? escaped.get() : dn);
+    const std::string F = member_filter(orv::filter_value(dn));
     ORV_DEBUG("Search Filter: ", F);
     orv::LdapMsg res;
     int rc = orv::search(ld, ORV_GROUP_SRCH_BASE, LDAP_SCOPE_SUBTREE, F.c_str(),

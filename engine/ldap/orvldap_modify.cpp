@@ -235,8 +235,9 @@ int does_user_exist_in_corporate(const char* entryDN, char** user_logon_attr_val
         return 1;
     }
 
-    const std::string filter = std::string("(&(objectclass=person)(|(entrydn=") + entryDN +
-                               ")(distinguishedName=" + entryDN + ")))";
+    const std::string value = orv::filter_value(entryDN);
+    const std::string filter = std::string("(&(objectclass=person)(|(entrydn=") + value +
+                               ")(distinguishedName=" + value + ")))";
     ORV_DEBUG("DN: ", entryDN);
     ORV_DEBUG("Search Filter: ", filter);
     orv::LdapMsg result;
@@ -270,14 +271,17 @@ int entry_dn_exists_in_orv(LDAP* ld, const char* entryDN, char** standalone_dn) 
     orv::LdapMsg result;
     int rc;
     if (ORV_OPERATION_MODE == 1) {
-        orv::OrvString escaped(dn_contains_backslash(entryDN, 0));
-        ORV_DEBUG("Modified DN ", escaped.get());
-        const std::string filter = std::string("(orvCorporateDN=") + escaped.get() + ")";
+        const std::string escaped = orv::filter_value(entryDN);
+        ORV_DEBUG("Modified DN ", escaped);
+        const std::string filter = std::string("(orvCorporateDN=") + escaped + ")";
         ORV_DEBUG("Filter for Corporate search: ", filter);
         rc = orv::search(ld, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(), nullptr, 0,
                          result);
     } else {
         rc = orv::search(ld, entryDN, LDAP_SCOPE_BASE, "objectclass=*", nullptr, 0, result);
+        // A base lookup of a DN that is not there (a corporate DN, say)
+        // answers "no such object": the entry does not exist here.
+        if (rc == LDAP_NO_SUCH_OBJECT) return 0;
     }
     if (rc != LDAP_SUCCESS) return rc;
 
@@ -308,12 +312,12 @@ int group_dn_exists_in_tier2(LDAP* ld, const char* entryDN, ORVLibEntry** entry)
     if (ld == nullptr || entryDN == nullptr || entry == nullptr || *entry == nullptr ||
         (*entry)->orvlibEntryAttrData == nullptr)
         return orv::report(ORV_LDAPLIB_INVALID_INPUT);
-    orv::OrvString stripped(remove_paranthesis_from_string(entryDN));
-    orv::OrvString escaped(dn_contains_backslash(stripped.get(), 0));
-    if (!escaped) return 0;
-    ORV_DEBUG("Modified DN ", escaped.get());
+    // The corporate DN as it stands, as a filter value (a name such as
+    // "CN=Sales (EU)" or "CN=Smith\, John" keeps its characters).
+    const std::string escaped = orv::filter_value(entryDN);
+    ORV_DEBUG("Modified DN ", escaped);
     const std::string filter =
-        std::string("(&(objectclass=morvanegroup)(orvCorporateDN=") + escaped.get() + "))";
+        std::string("(&(objectclass=morvanegroup)(orvCorporateDN=") + escaped + "))";
     ORV_DEBUG("Search Filter: ", filter);
 
     orv::LdapMsg result;
@@ -343,6 +347,29 @@ int group_dn_exists_in_tier2(LDAP* ld, const char* entryDN, ORVLibEntry** entry)
     return 1;
 }
 
+namespace {
+
+// Creates the standalone group of a corporate group (its cn read on the
+// corporate server) and fills entry from it: 1 when it stands, else a status.
+int create_group_counterpart(LDAP* ld, const char* corporate_dn, ORVLibEntry** entry) {
+    LDAP* reader = corporate_admin_ld;
+    if (reader == nullptr) return ORV_LDAPLIB_SESSION_INVALID;
+    const char* attrs[] = {"cn", nullptr};
+    orv::LdapMsg result;
+    int rc = orv::search(reader, corporate_dn, LDAP_SCOPE_BASE, "(objectClass=*)", attrs, 0, result);
+    if (rc != LDAP_SUCCESS) return rc;
+    LDAPMessage* first = ldap_first_entry(reader, result.get());
+    const std::string cn = first ? first_value_any_case(reader, first, "cn") : std::string();
+    if (cn.empty()) return LDAP_NO_SUCH_OBJECT;
+    orv::OrvString id(orvlib_create_guid());
+    if (!id) return ORV_LDAPLIB_UNKNOWN_ERROR;
+    rc = create_standalone_group(ld, cn.c_str(), corporate_dn, id.get());
+    if (rc != LDAP_SUCCESS) return rc;
+    return group_dn_exists_in_tier2(ld, corporate_dn, entry);
+}
+
+}  // namespace
+
 int modify_group_element(LDAP* ld, const char* object_dn, unsigned long attrID, char** attrVals,
                          unsigned long operation_type, int group_type) {
     ORV_TRACE();
@@ -359,8 +386,16 @@ int modify_group_element(LDAP* ld, const char* object_dn, unsigned long attrID, 
     ORVLibEntry* entry = orv::new_entry();
     if (entry == nullptr) return orv::report(ORV_LDAPLIB_UNKNOWN_ERROR);
     int status;
-    if (group_dn_exists_in_tier2(ld, object_dn, &entry) == 0) {
+    int found = group_dn_exists_in_tier2(ld, object_dn, &entry);
+    if (found == 0 && operation != LDAP_MOD_DELETE) {
+        // A corporate group written to for the first time gets its local
+        // counterpart, which then takes the change.
+        found = create_group_counterpart(ld, object_dn, &entry);
+    }
+    if (found == 0) {
         status = LDAP_NO_SUCH_OBJECT;  // no counterpart: not recorded
+    } else if (found != 1) {
+        status = found;
     } else {
         const char* cn = nullptr;
         for (ORVLibAttribute** item = entry->orvlibEntryAttrData; *item != nullptr; ++item)
@@ -443,8 +478,11 @@ int orvlib_modify_ext_s(LDAP* ld, const char* entryDN, unsigned long modificatio
     orv::OrvString local_dn(local_raw);
 
     int status = 0;
-    if (modification_type == ORV_MOD_ADD) {
-        if (exists == 0 && corporate) {
+    if (modification_type == ORV_MOD_ADD || modification_type == ORV_MOD_REPLACE) {
+        // A corporate user written to for the first time gets its local
+        // counterpart, which then takes the change.
+        if (exists == 0 && !corporate) return orv::report(LDAP_NO_SUCH_OBJECT);
+        if (exists == 0) {
             char* logon_raw = nullptr;
             char* sn_raw = nullptr;
             const int found = does_user_exist_in_corporate(target.get(), &logon_raw, &sn_raw);
@@ -458,13 +496,13 @@ int orvlib_modify_ext_s(LDAP* ld, const char* entryDN, unsigned long modificatio
             char* corporate_dn[] = {target.get(), nullptr};
             change_attribute_value_object(orv_ld, local_dn.get(), 13, corporate_dn, LDAP_MOD_ADD);
         }
-        status = change_attribute_value_object(orv_ld, local_dn.get(), attrId, attrVals,
-                                               LDAP_MOD_ADD);
-    } else if (modification_type == ORV_MOD_REPLACE || modification_type == ORV_MOD_DELETE) {
-        if (exists == 0) return orv::report(LDAP_NO_SUCH_OBJECT);
         status = change_attribute_value_object(
             orv_ld, local_dn.get(), attrId, attrVals,
-            modification_type == ORV_MOD_REPLACE ? LDAP_MOD_REPLACE : LDAP_MOD_DELETE);
+            modification_type == ORV_MOD_ADD ? LDAP_MOD_ADD : LDAP_MOD_REPLACE);
+    } else if (modification_type == ORV_MOD_DELETE) {
+        if (exists == 0) return orv::report(LDAP_NO_SUCH_OBJECT);
+        status = change_attribute_value_object(orv_ld, local_dn.get(), attrId, attrVals,
+                                               LDAP_MOD_DELETE);
     }
     return orv::report(status);
 }

@@ -11,7 +11,8 @@
 // (account disabled), llocked (locked out), a computer WKS01 and a contact;
 // OU=Bulk holds 1100 bulk users (more than one page of 1000); OU=Groups
 // holds Engineering (jsmith, mjones, Platform), Platform (pbrown, smithj,
-// Deep), Deep (kwhite), Sales (kwhite, alice) and the meta groups
+// Deep), Deep (kwhite), Sales (kwhite, alice), "Ops (EU)" (smithj, mjones)
+// and the meta groups
 // ZorlaUsers (jsmith, mjones, smithj, pbrown) and ZorlaGroups (Engineering,
 // Platform).  CN=Users holds Samba's own Administrator, Guest and krbtgt.
 #include <gtest/gtest.h>
@@ -448,6 +449,53 @@ TEST_F(AdTest, FirstSearchMirrorsSecondUpdatesTheState) {
     run(ld(), "mjones", ORV_SEARCH_PEOPLE);
     orvlib_set_user_uuid_generation_flag(1);
     EXPECT_EQ(mirrored_users().count(lower("uid=mjones,ou=People," + dir().suffix())), 0u);
+}
+
+TEST_F(AdTest, ModifyWritesToTheLocalCounterpart) {
+    session_.close();
+    seed({});  // no counterparts yet
+    session_.open(dir());
+    ASSERT_NE(ld(), nullptr);
+    const std::string people = "ou=People," + dir().suffix();
+    const std::string groups = "ou=Groups," + dir().suffix();
+    char v1[] = "attr-one";
+    char v2[] = "attr-two";
+    char* one[] = {v1, nullptr};
+    char* two[] = {v2, nullptr};
+
+    // Replacing a value of a corporate user without a counterpart creates
+    // the counterpart first; so does adding one.
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), staff("Paul Brown").c_str(), 1, 12, one), 0);
+    const std::string pbrown = lower("uid=pbrown," + people);
+    EXPECT_EQ(mirrored_users()[pbrown], staff("Paul Brown"));
+    EXPECT_EQ(local_entries(pbrown, "(objectClass=*)", "orvZORLAUserAttribute")[pbrown], "attr-one");
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), "CN=Smith\\, John,OU=Staff,DC=corp,DC=test", 0, 12, two), 0);
+    const std::string smithj = lower("uid=smithj," + people);
+    EXPECT_EQ(mirrored_users()[smithj], "CN=Smith\\, John," + kStaff);
+    // The counterpart found again by its corporate DN takes the next change.
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), "CN=Smith\\, John,OU=Staff,DC=corp,DC=test", 1, 12, one), 0);
+    EXPECT_EQ(local_entries(smithj, "(objectClass=*)", "orvZORLAUserAttribute")[smithj], "attr-one");
+    // Deleting from a user without a counterpart has nothing to delete.
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), staff("Kate White").c_str(), 2, 12, one), LDAP_NO_SUCH_OBJECT);
+    EXPECT_EQ(mirrored_users().count(lower("uid=kwhite," + people)), 0u);
+
+    // A corporate group: the standalone group is made, with parentheses in
+    // its name kept, and takes the value; the next change finds it again.
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), ad_group("Ops (EU)").c_str(), 1, 8, one), 0);
+    const std::string ops = lower("cn=Ops (EU)," + groups);
+    EXPECT_EQ(mirrored_groups()[ops], ad_group("Ops (EU)"));
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), ad_group("Ops (EU)").c_str(), 1, 8, two), 0);
+    EXPECT_EQ(local_entries(ops, "(objectClass=*)", "pexZORLAGroupAttribute")[ops], "attr-two");
+    EXPECT_EQ(mirrored_groups().size(), 1u);
+    EXPECT_EQ(orvlib_modify_ext_s(ld(), ad_group("Sales").c_str(), 2, 8, one), LDAP_NO_SUCH_OBJECT);
+
+    // The groups of a user, found by a member DN with a comma, include the
+    // group with parentheses, mirrored once.
+    Outcome o = run(ld(), "smithj", ORV_SEARCH_USER_GROUPS);
+    EXPECT_EQ(o.status, 0);
+    EXPECT_EQ(o.count(ad_group("Ops (EU)")), 1u);
+    EXPECT_EQ(o.count(ad_group("Platform")), 1u);
+    EXPECT_EQ(mirrored_groups().count(ops), 1u);
 }
 
 TEST_F(AdTest, AuthenticationWithLocalFallback) {
