@@ -156,7 +156,10 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
         if (!e) continue;  // not a user: possibly a nested group
 
         orv::fill_entry(conn, entry, e);
-        check_and_populate_extended_information(own, &e, entry, ORV_SEARCH_GROUP_MEMBERS);
+        // A member read from the library's own directory is a local user,
+        // never mirrored as a corporate one.
+        if (conn != own)
+            check_and_populate_extended_information(own, &e, entry, ORV_SEARCH_GROUP_MEMBERS);
         orvlib_memfree(dn);
         GLOBAL_ZORLA_GROUPMEMBERS_LIST[index] = nullptr;
         return orv::hold(orv::Held::Members, res.release());

@@ -337,6 +337,16 @@ TEST_F(AdTest, GroupsMembersAndMemberships) {
     EXPECT_EQ(o.count("CN=Smith\\, John," + kStaff), 1u);
     EXPECT_EQ(o.count(staff("Kate White")), 1u);
 
+    // A local group's members are local users: delivered as they are,
+    // never mirrored as corporate ones (nothing written, no 68).
+    const size_t mirrored_before = mirrored_users().size();
+    o = run(ld(), "Developers", ORV_SEARCH_GROUP_MEMBERS);
+    EXPECT_EQ(o.status, 0);
+    EXPECT_EQ(o.count(dir().user_dn("alice")), 1u);
+    EXPECT_NE(ldapErrCode, LDAP_ALREADY_EXISTS);
+    EXPECT_EQ(mirrored_users().size(), mirrored_before);
+    for (const Row& r : o.rows) EXPECT_EQ(r.corp_dn, "") << r.dn;
+
     // Groups of a user, also of the one whose DN needs escaping in a filter.
     o = run(ld(), "jsmith", ORV_SEARCH_USER_GROUPS);
     EXPECT_EQ(o.status, 0);
