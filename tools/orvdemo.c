@@ -342,11 +342,51 @@ static int online_demo(int argc, char** argv) {
     return failures;
 }
 
+/* Corporate mode: the ORV directory's partition names an Active Directory
+ * domain controller; people and group members come from it first. */
+static int corporate_demo(const char* host, int port) {
+    ORVLibInfo* info = NULL;
+    char* text = NULL;
+    int failures = 0;
+    LDAP* ld;
+
+    printf("Corporate session (ORV directory %s:%d in front of Active Directory)\n", host, port);
+    orvlib_init();
+    ld = orvlib_getsession_context(host, port, &info, 0);
+    if (!ld) {
+        orvlib_get_last_error(NULL, &text);
+        printf("  session failed: %d %s\n", ldapErrCode, text ? text : "");
+        orvlib_memfree(text);
+        orvlib_uninitialize_lib();
+        return 1;
+    }
+    printf("    operation mode    %s\n", mode_name());
+    printf("    corporate server  %s:%d (%s)\n", PARTITION_INFO ? PARTITION_INFO->hostname : "",
+           PARTITION_INFO ? PARTITION_INFO->port_num : 0,
+           mechanism == ORV_PAGING ? "paged results" : "virtual list view");
+    printf("    connection        %s\n", orvlib_get_connection_status(ld) == 3040 ? "active" : "inactive");
+    failures += show_search(ld, "People: AD users first, then the ORV directory's", "j*", 5001);
+    failures += show_search(ld, "Members of the AD group Engineering (nested groups one level)", "Engineering",
+                            5005);
+    failures += orvlib_authenticate_user(ld, "jsmith", "Secret123!") != 0;
+    printf("\nAD user jsmith logs in: %s\n", failures ? "refused" : "accepted");
+    if (info) {
+        orvlib_memfree((void*)info->orv_server_version);
+        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
+        orvlib_orvlibinfo_free(info);
+    }
+    orvlib_unbind(ld);
+    orvlib_uninitialize_lib();
+    return failures;
+}
+
 int main(int argc, char** argv) {
     static const int codes[] = {0, 49, 3007, 3009, 3012, 3020, 3035, 3041};
     char* guid;
     unsigned i;
     int failures = 0;
+
+    if (argc == 4 && strcmp(argv[1], "--corporate") == 0) return corporate_demo(argv[2], atoi(argv[3])) ? 1 : 0;
 
     printf("orvlib %s, directory root %s\n\n", ORVLIB_CLIENT_LIBRARY_VERSION, ORV_ROOT_SUFFIX);
 
