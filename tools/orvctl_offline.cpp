@@ -5,7 +5,7 @@
 #include <string>
 
 #include "orvctl.hpp"
-#include "orvldap_helper.h"
+#include "orv_credential_notation.hpp"
 #include "orvldap_utils.h"
 
 namespace orvctl {
