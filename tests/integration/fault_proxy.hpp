@@ -10,7 +10,9 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,6 +20,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <stdexcept>
@@ -32,6 +36,31 @@ constexpr unsigned char kBindRequest = 0x60;
 constexpr unsigned char kSearchRequest = 0x63;
 constexpr unsigned char kModifyRequest = 0x66;
 constexpr unsigned char kExtendedRequest = 0x77;
+
+// Stops a process with SIGSTOP and returns once every one of its threads
+// has stopped (kill() returns before the stop reaches a thread that is
+// running at that moment, which could still answer a request).
+inline void stop_process(int pid) {
+    kill(pid, SIGSTOP);
+    const std::string dir = "/proc/" + std::to_string(pid) + "/task";
+    for (int i = 0; i < 400; ++i) {
+        DIR* d = opendir(dir.c_str());
+        if (!d) return;
+        bool stopped = true;
+        while (dirent* e = readdir(d)) {
+            if (e->d_name[0] == '.') continue;
+            std::ifstream f(dir + "/" + e->d_name + "/stat");
+            std::string stat;
+            std::getline(f, stat);
+            size_t paren = stat.rfind(')');
+            if (paren == std::string::npos || paren + 2 >= stat.size() || stat[paren + 2] != 'T')
+                stopped = false;
+        }
+        closedir(d);
+        if (stopped) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
 
 class FaultProxy {
 public:

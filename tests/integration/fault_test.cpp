@@ -107,7 +107,7 @@ FaultProxy::Action fault_action(Fault f, ResumeOnExit& resume) {
         case Fault::Stop:
             resume.pid = dir().pid();
             return [pid = resume.pid] {
-                kill(pid, SIGSTOP);
+                orvtest::stop_process(pid);
                 return V::Forward;
             };
         case Fault::Restart:

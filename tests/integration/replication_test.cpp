@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "fault_proxy.hpp"
 #include "orv_ldap.hpp"
 #include "orvldap.h"
 #include "orvldap_search.h"
@@ -208,7 +209,7 @@ TEST_F(Replication, HungFirstSupplierGivesWayAfterTheTimeOuts) {
     ASSERT_EQ(connected_port(), supplier1().port());
 
     const int pid1 = supplier1().pid();
-    ASSERT_EQ(kill(pid1, SIGSTOP), 0);
+    orvtest::stop_process(pid1);
     const auto t0 = Clock::now();
     const int status = orvlib_get_connection_status(ld);
     const double failover = seconds_since(t0);
