@@ -112,6 +112,16 @@ struct Search {
     std::vector<Entry> entries;
 };
 
+Entry entry_of(const ORVLibEntry* e) {
+    Entry entry;
+    for (ORVLibAttribute** a = e->orvlibEntryAttrData; a && *a; ++a) {
+        Attr attr{(*a)->attrId, (*a)->attrName ? (*a)->attrName : "", {}};
+        for (char** v = (*a)->attrVals; v && *v; ++v) attr.values.emplace_back(*v);
+        entry.push_back(attr);
+    }
+    return entry;
+}
+
 Search library_search(LDAP* ld, const std::string& filter, int type) {
     Search out;
     LDAPMessage* res = nullptr;
@@ -119,13 +129,7 @@ Search library_search(LDAP* ld, const std::string& filter, int type) {
     ORVLibEntry* e = nullptr;
     if (out.status == 0) {
         for (LDAPMessage* cur = orvlib_first_entry(ld, &e, res); cur; cur = orvlib_next_entry(ld, &e, cur)) {
-            Entry entry;
-            for (ORVLibAttribute** a = e->orvlibEntryAttrData; a && *a; ++a) {
-                Attr attr{(*a)->attrId, (*a)->attrName ? (*a)->attrName : "", {}};
-                for (char** v = (*a)->attrVals; v && *v; ++v) attr.values.emplace_back(*v);
-                entry.push_back(attr);
-            }
-            out.entries.push_back(entry);
+            out.entries.push_back(entry_of(e));
             orvlib_orvlibentry_free(e);
             e = nullptr;
         }
@@ -530,12 +534,7 @@ TEST_F(OrvctlTest, DatabaseCommands) {
     ASSERT_NE(session.ld(), nullptr);
     ORVLibEntry* details = orvlib_get_database_details(session.ld(), const_cast<char*>("repo-ctl"));
     ASSERT_NE(details, nullptr);
-    Entry lib;
-    for (ORVLibAttribute** a = details->orvlibEntryAttrData; a && *a; ++a) {
-        Attr attr{(*a)->attrId, (*a)->attrName ? (*a)->attrName : "", {}};
-        for (char** v = (*a)->attrVals; v && *v; ++v) attr.values.emplace_back(*v);
-        lib.push_back(attr);
-    }
+    const Entry lib = entry_of(details);
     orvlib_orvlibentry_free(details);
     EXPECT_EQ(entry_from_json(Json::parse(shown.out)), lib);
 
@@ -553,13 +552,7 @@ TEST_F(OrvctlTest, RelationshipCommandsAgreeWithTheLibrary) {
         std::vector<Entry> out;
         ORVLibEntry* e = nullptr;
         for (LDAPMessage* cur = orvlib_first_er_entry(ld, &e, res); cur; cur = orvlib_next_er_entry(ld, &e, cur)) {
-            Entry entry;
-            for (ORVLibAttribute** a = e->orvlibEntryAttrData; a && *a; ++a) {
-                Attr attr{(*a)->attrId, (*a)->attrName ? (*a)->attrName : "", {}};
-                for (char** v = (*a)->attrVals; v && *v; ++v) attr.values.emplace_back(*v);
-                entry.push_back(attr);
-            }
-            out.push_back(entry);
+            out.push_back(entry_of(e));
             orvlib_orvlibentry_free(e);
             e = nullptr;
         }
