@@ -205,9 +205,8 @@ ORVLibAttribute** new_array(std::size_t slots) {
 
 // Makes room for one more attribute; false when the entry has no array or a
 // larger one cannot be allocated.
-bool make_room(ORVLibEntry* entry) {
+bool make_room(ORVLibEntry* entry, std::size_t count) {
     if (entry == nullptr || entry->orvlibEntryAttrData == nullptr) return false;
-    const std::size_t count = count_of(entry);
     if (count + 2 <= slots_for(count)) return true;
     const std::size_t slots = slots_for(count + 1);
     ORVLibAttribute** larger = new_array(slots);
@@ -220,10 +219,12 @@ bool make_room(ORVLibEntry* entry) {
 }
 
 // Appends a record that takes ownership of name and vals (both may be NULL);
-// on failure they are released.
-bool append_owned(ORVLibEntry* entry, int id, char* name, char** vals) {
+// on failure they are released.  `count` is the entry's attribute count,
+// raised by one on success: a caller that appends many attributes keeps it
+// instead of counting the entry again for each one.
+bool append_owned(ORVLibEntry* entry, std::size_t& count, int id, char* name, char** vals) {
     ORVLibAttribute* record = nullptr;
-    if (make_room(entry))
+    if (make_room(entry, count))
         record = reinterpret_cast<ORVLibAttribute*>(orvlib_str_malloc(sizeof(ORVLibAttribute)));
     if (record == nullptr) {
         orvlib_memfree(name);
@@ -233,8 +234,45 @@ bool append_owned(ORVLibEntry* entry, int id, char* name, char** vals) {
     record->attrId = id;
     record->attrName = name;
     record->attrVals = vals;
-    entry->orvlibEntryAttrData[count_of(entry)] = record;
+    entry->orvlibEntryAttrData[count++] = record;
     return true;
+}
+
+bool append_owned(ORVLibEntry* entry, int id, char* name, char** vals) {
+    std::size_t count = count_of(entry);
+    return append_owned(entry, count, id, name, vals);
+}
+
+// Calls fn(name, values) for each attribute of a server entry, in order, in
+// one pass over the entry (values as ldap_get_values_len hands them out,
+// NULL-terminated, or NULL for none).  ldap_get_values_len per attribute
+// would walk the entry from its start again for every name: quadratic in
+// the number of attributes a server chooses to send.  Stops when fn
+// returns false.
+template <class Fn>
+void each_server_attribute(LDAP* ld, LDAPMessage* server_entry, Fn fn) {
+    BerElement* raw_ber = nullptr;
+    berval dn{0, nullptr};
+    const int rc = ldap_get_dn_ber(ld, server_entry, &raw_ber, &dn);
+    orv::BerPtr ber(raw_ber);
+    if (rc != LDAP_SUCCESS || raw_ber == nullptr) return;
+    std::vector<berval*> pointers;
+    for (;;) {
+        berval name{0, nullptr};
+        BerVarray values = nullptr;
+        if (ldap_get_attribute_ber(ld, server_entry, raw_ber, &name, &values) != LDAP_SUCCESS ||
+            name.bv_val == nullptr) {
+            if (values) ber_memfree(values);
+            break;
+        }
+        pointers.clear();
+        for (BerVarray v = values; v != nullptr && v->bv_val != nullptr; ++v) pointers.push_back(v);
+        pointers.push_back(nullptr);
+        const std::string text(name.bv_val, name.bv_len);
+        const bool more = fn(text.c_str(), pointers.size() > 1 ? pointers.data() : nullptr);
+        if (values) ber_memfree(values);
+        if (!more) break;
+    }
 }
 
 // NULL-terminated library copy of server values; a value stops at its first
@@ -302,16 +340,13 @@ enum class CopyLog { Plain, Extended, Tier2, Group };
 int append_from_server(LDAP* ld, LDAPMessage* server_entry, ORVLibEntry* entry, CopyLog style) {
     if (ld == nullptr || server_entry == nullptr || entry == nullptr) return 0;
     int appended = 0;
-    BerElement* raw_ber = nullptr;
-    for (char* name = ldap_first_attribute(ld, server_entry, &raw_ber); name != nullptr;
-         name = ldap_next_attribute(ld, server_entry, raw_ber)) {
-        orv::LdapString owned_name(name);
-        orv::LdapBerValues values(ldap_get_values_len(ld, server_entry, name));
-        char** copy = copy_values(values.get());
-        if (copy == nullptr) continue;
+    std::size_t count = count_of(entry);
+    each_server_attribute(ld, server_entry, [&](const char* name, berval** values) {
+        char** copy = copy_values(values);
+        if (copy == nullptr) return true;
         const int id = getMappedAttrId(name);
-        const long position = static_cast<long>(count_of(entry));
-        if (!append_owned(entry, id, _orvlib_dupString(name), copy)) break;
+        const long position = static_cast<long>(count);
+        if (!append_owned(entry, count, id, _orvlib_dupString(name), copy)) return false;
         ++appended;
         switch (style) {
             case CopyLog::Extended:
@@ -333,8 +368,8 @@ int append_from_server(LDAP* ld, LDAPMessage* server_entry, ORVLibEntry* entry, 
                 ORV_DEBUG("Attribute Values: ", copy[0]);
                 break;
         }
-    }
-    orv::BerPtr ber(raw_ber);
+        return true;
+    });
     return appended;
 }
 
@@ -449,35 +484,31 @@ void populate_orvlibentry_entry(LDAP* ld, ORVLibEntry** entry, LDAPMessage** ser
     }
     ORVLibEntry* target = *entry;
 
-    BerElement* raw_ber = nullptr;
-    for (char* name = ldap_first_attribute(ld, source, &raw_ber); name != nullptr;
-         name = ldap_next_attribute(ld, source, raw_ber)) {
-        orv::LdapString owned_name(name);
-        orv::LdapBerValues values(ldap_get_values_len(ld, source, name));
-
+    std::size_t count = count_of(target);
+    each_server_attribute(ld, source, [&](const char* name, berval** values) {
         if (ORV_WIN_USER_SEARCH == 1 && _isFirstEntry == 1 && strcasecmp(name, "orvZORLAUserId") == 0) {
             // The Windows user lookup keeps the application ids for its own
             // search instead of showing them in the entry.
-            char** ids = copy_values(values.get());
+            char** ids = copy_values(values);
             for (char** v = ids; v != nullptr && *v != nullptr; ++v) ORV_DEBUG("UUid", *v);
             orvlib_free_values(_UUID);
             _UUID = ids;
-            continue;
+            return true;
         }
 
-        char** copy = copy_values(values.get());
+        char** copy = copy_values(values);
         if (copy == nullptr) {
             // No values: the slot is taken by an empty record.
-            append_owned(target, -1, nullptr, nullptr);
-            continue;
+            append_owned(target, count, -1, nullptr, nullptr);
+            return true;
         }
         const int id = getMappedAttrId(name);
-        if (!append_owned(target, id, _orvlib_dupString(name), copy)) break;
+        if (!append_owned(target, count, id, _orvlib_dupString(name), copy)) return false;
         ORV_DEBUG("Attribute ID ", id);
         ORV_DEBUG("Attribute Name ", name);
         ORV_DEBUG("Attribute Values: ", copy[0]);
-    }
-    orv::BerPtr ber(raw_ber);
+        return true;
+    });
 
     if (dn && find_attribute(target, 0) == nullptr) {
         char* values[] = {dn.get(), nullptr};

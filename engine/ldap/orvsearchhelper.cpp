@@ -122,12 +122,11 @@ int request_page(Pager& p, LDAPMessage** out) {
                 ber_int_t estimate = 0;
                 if (c && ldap_parse_pageresponse_control(p.ld, c, &estimate, &cookie) ==
                              LDAP_SUCCESS) {
-                    std::string next = ber_bytes(&cookie);
+                    // A cookie may repeat: 389 Directory Server hands back the
+                    // same one for every page of a search.
+                    p.cookie = ber_bytes(&cookie);
                     if (cookie.bv_val) ber_memfree(cookie.bv_val);
-                    // The cookie just sent, handed back, would give this page again.
-                    p.looped = !next.empty() && next == p.cookie;
-                    p.cookie = std::move(next);
-                    p.more = !p.cookie.empty() && !p.looped;
+                    p.more = !p.cookie.empty();
                 }
             } else if (p.kind == PageKind::Vlv) {
                 LDAPControl* c = ldap_control_find(LDAP_CONTROL_VLVRESPONSE, returned, nullptr);
@@ -301,11 +300,6 @@ LDAPMessage* next_page() {
         }
         LDAPMessage* e = first_entry(p.ld, page);
         if (e) return e;
-    }
-    if (p.looped) {
-        // The results end with the page that came twice.
-        ORV_DEBUG("The server handed back the paging cookie it was sent", "");
-        orv::report(orv::kClientLoop);
     }
     return nullptr;
 }

@@ -81,7 +81,6 @@ struct Pager {
     std::string context;
     bool more = false;
     int pages = 0;           // requests sent (ORV_SEARCH_MAX_PAGES at most)
-    bool looped = false;     // the server handed back the cookie it was sent
     LDAP** owner = nullptr;  // the library global that held ld at search time
     LdapMsg held;            // the page after the caller's first page
 };

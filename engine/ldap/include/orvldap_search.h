@@ -53,9 +53,8 @@ ORV_API extern int nested_groups_retrieved;
 #define ORV_SEARCH_PAGE_SIZE 1000
 /* Limits against a server whose results never end: pages or windows of one
  * search, ranged requests of one member read.  A search or read that reaches
- * its limit ends there with status 4 (size limit exceeded); a server that
- * hands back the cookie it was sent, or a range other than the one asked
- * for, ends it with 96 (client loop). */
+ * its limit ends there with status 4 (size limit exceeded).  A member range
+ * other than the one asked for ends the read with 96 (client loop). */
 #define ORV_SEARCH_MAX_PAGES 10000
 #define ORV_MEMBER_MAX_RANGES 10000
 
