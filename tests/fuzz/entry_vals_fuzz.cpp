@@ -1,4 +1,5 @@
-// Reading values out of entries built from arbitrary attribute lists: any
+// Reading values out of entries built from arbitrary attribute lists (the
+// general reader and the external-relationship reader): any
 // ids (known, unknown, negative), names, NULL value arrays, empty value
 // arrays, repeated attributes and more attributes than an entry's first
 // array holds, in every operation mode.  The values read back are always a
@@ -11,6 +12,7 @@
 #include "fuzz_support.hpp"
 #include "orvldap.h"
 #include "orvldap_entry.h"
+#include "orvldap_relationship.h"
 #include "orvldap_utils.h"
 
 namespace {
@@ -28,6 +30,17 @@ bool same_values(char** a, char** b) {
     for (; a[i] && b[i]; ++i)
         if (std::strcmp(a[i], b[i]) != 0) return false;
     return !a[i] && !b[i];
+}
+
+// A handle that is never connected: the relationship reader only asks for
+// one being there.
+LDAP* fake_ld() {
+    static LDAP* ld = [] {
+        LDAP* h = nullptr;
+        ldap_initialize(&h, "ldap://127.0.0.1:9");
+        return h;
+    }();
+    return ld;
 }
 
 }  // namespace
@@ -65,6 +78,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             orvfuzz::check(orv::append_attribute(entry, id, name.c_str(), nvals < 0 ? nullptr : ptrs.data()),
                            "append_attribute");
         }
+        if (in.ConsumeBool()) {
+            // A relationship record: its object descriptions (127, 128) are
+            // read from the objects named by 111 and 112.
+            char top[] = "top", rel[] = "pexRelationshipObject";
+            char* classes[] = {top, rel, nullptr};
+            orv::append_attribute(entry, 18, "objectClass", classes);
+            ids.push_back(18);
+        }
         orvfuzz::check(orv::attribute_count(entry) == static_cast<int>(ids.size()), "attribute count");
 
         ids.push_back(in.ConsumeIntegral<int>());
@@ -78,7 +99,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (!vals && id != 2 && id != 3)
                 orvfuzz::check(first_values(entry, id) == nullptr, "values of id missing", std::to_string(id));
             orvlib_free_values(vals);
+            // No session: the relationship reader answers from the record.
+            char** er = orvlib_get_entry_er_vals(fake_ld(), entry, id);
+            if (er && id != 127 && id != 128)
+                orvfuzz::check(first_values(entry, id) != nullptr, "er values of id", std::to_string(id));
+            orvlib_free_values(er);
         }
+        orvfuzz::check(orvlib_get_entry_er_vals(nullptr, entry, 1) == nullptr && ldapErrCode == 3007,
+                       "er values without a handle");
         orvlib_orvlibentry_free(entry);
         orvfuzz::check(orvlib_get_entry_vals(nullptr, 1) == nullptr, "NULL entry");
     }
