@@ -83,7 +83,12 @@ int request_page(Pager& p, LDAPMessage** out) {
         info.ldvlv_before_count = 0;
         info.ldvlv_after_count = ORV_SEARCH_PAGE_SIZE - 1;
         info.ldvlv_offset = p.next_offset;
-        info.ldvlv_count = p.content_count;
+        // A content count of 0 makes the server take the offset as the
+        // position itself.  Sent back with the server's own count, the
+        // offset is scaled by the server (offset * its count / the count
+        // sent), and 389 Directory Server rounds that down now and then
+        // (offset 3001 of 5010 entries gives position 3000).
+        info.ldvlv_count = 0;
         info.ldvlv_context = p.context.empty() ? nullptr : &context;
         if (controls[0] && ldap_create_vlv_control(p.ld, &info, &controls[1]) == LDAP_SUCCESS) {
             controls[1]->ldctl_iscritical = 0;
@@ -110,6 +115,7 @@ int request_page(Pager& p, LDAPMessage** out) {
     }
 
     p.more = false;
+    p.skip = 0;
     if (res && (rc == LDAP_SUCCESS || rc == LDAP_SIZELIMIT_EXCEEDED)) {
         LDAPControl** returned = nullptr;
         int err = 0;
@@ -138,9 +144,18 @@ int request_page(Pager& p, LDAPMessage** out) {
                     p.context = ber_bytes(context);
                     if (context) ber_bvfree(context);
                     if (vlv_err == LDAP_SUCCESS && target > 0) {
+                        // The window holds the positions target, target + 1,
+                        // ...; those before the position asked for were
+                        // delivered with the window before.
+                        const int asked = p.next_offset;
+                        const int n = ldap_count_entries(p.ld, res);
+                        p.skip = target < asked ? asked - target : 0;
+                        if (target > asked)
+                            ORV_DEBUG("Window starts after the position asked for: ", target);
                         p.content_count = count;
-                        p.next_offset = target + ORV_SEARCH_PAGE_SIZE;
-                        p.more = p.next_offset <= count;
+                        p.next_offset = target + (n > 0 ? n : 0);
+                        // A window that brings nothing new ends the results.
+                        p.more = n > 0 && p.next_offset > asked && p.next_offset <= count;
                     }
                 }
             }
@@ -299,6 +314,7 @@ LDAPMessage* next_page() {
             break;
         }
         LDAPMessage* e = first_entry(p.ld, page);
+        for (int k = 0; e && k < p.skip; ++k) e = next_entry(p.ld, e);
         if (e) return e;
     }
     return nullptr;

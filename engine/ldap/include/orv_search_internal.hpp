@@ -78,6 +78,7 @@ struct Pager {
     std::string cookie;      // paged results
     int next_offset = 0;     // virtual list view, 1-based
     int content_count = 0;
+    int skip = 0;            // leading entries of the last window delivered before
     std::string context;
     bool more = false;
     int pages = 0;           // requests sent (ORV_SEARCH_MAX_PAGES at most)
