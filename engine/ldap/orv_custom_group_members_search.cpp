@@ -13,6 +13,7 @@
 
 #include "orv_internal.hpp"
 #include "orv_ldap.hpp"
+#include "orv_member_entries.hpp"
 #include "orv_search_internal.hpp"
 #include "orvldap.h"
 #include "orvldap_entry.h"
@@ -39,6 +40,7 @@ int& member_count() { return orv::search_state().member_count; }
 bool is_drop(int rc) { return orv::is_connection_drop(rc); }
 
 void free_member_list() {
+    orv::forget_member_entries();
     if (GLOBAL_ZORLA_GROUPMEMBERS_LIST) {
         for (int i = 0; i < member_count(); ++i) orvlib_memfree(GLOBAL_ZORLA_GROUPMEMBERS_LIST[i]);
         orvlib_memfree(GLOBAL_ZORLA_GROUPMEMBERS_LIST);
@@ -134,6 +136,26 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
         if (!dn) continue;
         ORV_DEBUG("Zorla Group Members List: ", dn);
         LDAP* conn = corporate ? corporate_admin_ld : own;
+        if (!corporate) {
+            // The library's own members: their entries are read ahead.
+            int ahead_rc = 0;
+            const orv::MemberEntries* ahead = orv::member_entries_of(
+                own, GLOBAL_ZORLA_GROUPMEMBERS_LIST, member_count(), &ahead_rc);
+            if (ahead_rc != 0) {
+                ORV_DEBUG("Member walk ends, connection lost: ", ahead_rc);
+                orv::reset_group_members();
+                orv::report(ahead_rc);
+                return nullptr;
+            }
+            if (LDAPMessage* e = ahead ? orv::member_entry(*ahead, dn) : nullptr) {
+                orv::release(orv::Held::Members);
+                orv::fill_entry(conn, entry, e);
+                check_and_populate_extended_information(own, &e, entry, ORV_SEARCH_GROUP_MEMBERS);
+                orvlib_memfree(dn);
+                GLOBAL_ZORLA_GROUPMEMBERS_LIST[index] = nullptr;
+                return e;
+            }
+        }
         orv::LdapMsg res;
         int rc = read_member(conn, dn, res);
         if (corporate && rc != LDAP_SUCCESS && !is_drop(rc)) {

@@ -100,6 +100,7 @@ struct Membership {
 };
 
 struct RoleLookups;  // orv_role_index.hpp
+struct MemberEntries;  // orv_member_entries.hpp
 
 // Everything one search keeps while its caller iterates: pages, held
 // messages, cursors of the local searches, the member count of the
@@ -119,6 +120,8 @@ struct SearchState {
     // Roles and database ids read once for the entries of this search
     // (orv_role_index.hpp).
     std::shared_ptr<RoleLookups> roles;
+    // Person entries of the group members, read ahead of the member walk.
+    std::shared_ptr<MemberEntries> members;
 };
 
 // The current search.
