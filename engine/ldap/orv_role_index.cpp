@@ -256,14 +256,27 @@ bool RoleIndex::roles_of(const std::string& member_dn, std::vector<std::string>&
 int RoleIndex::database_of(const std::string& role_dn, std::string& id) const {
     id.clear();
     if (!usable_) return -1;
+    // The entries ask for the same role DNs, spelled as the index gave
+    // them, over and over: answers are kept by spelling.
+    const auto known = answers_.find(role_dn);
+    if (known != answers_.end()) {
+        id = known->second.second;
+        return known->second.first;
+    }
+    int answer = 0;
     std::vector<std::string> rdns;
-    if (!canonical_dn(role_dn, rdns) || !within(rdns, base_)) return -1;
-    const auto found = first_access_.find(join_rdns(rdns));
-    if (found == first_access_.end()) return 0;
-    const Role& role = roles_[found->second];
-    if (!role.has_db) return 0;
-    id = role.db_id;
-    return 1;
+    if (!canonical_dn(role_dn, rdns) || !within(rdns, base_)) {
+        answer = -1;
+    } else {
+        const auto found = first_access_.find(join_rdns(rdns));
+        if (found != first_access_.end() && roles_[found->second].has_db) {
+            id = roles_[found->second].db_id;
+            answer = 1;
+        }
+    }
+    // At most one kept answer per role (and a few others).
+    if (answers_.size() < roles_.size() + 64) answers_.emplace(role_dn, std::make_pair(answer, id));
+    return answer;
 }
 
 // ------------------------------------------------------------------ per-search use

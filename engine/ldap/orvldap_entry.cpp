@@ -8,6 +8,7 @@
 
 #include <strings.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -153,12 +154,35 @@ extern "C" {
 int getMappedAttrId(const char* name) {
     ORV_TRACE();
     if (name == nullptr) return ORV_LDAPLIB_INVALID_INPUT;
+    // Entries of one search repeat the same few names: the answers for the
+    // names last seen are kept by name as spelled (the tables are fixed).
+    struct Remembered {
+        std::string name;
+        int id = 0;
+        bool used = false;
+    };
+    static thread_local Remembered remembered[128];
+    std::uint32_t hash = 2166136261u;
+    for (const char* c = name; *c; ++c) hash = (hash ^ static_cast<unsigned char>(*c)) * 16777619u;
+    Remembered& slot = remembered[hash & 127u];
+    if (slot.used && slot.name == name) return slot.id;
+
+    int id = -1;
+    bool found = false;
     for (const AttrName& row : kNameToId) {
         const bool same = row.any_case ? strcasecmp(name, row.name) == 0
                                        : std::strcmp(name, row.name) == 0;
-        if (same) return row.id;
+        if (same) {
+            id = row.id;
+            found = true;
+            break;
+        }
     }
-    return get_mapped_er_attribute_id(name);
+    if (!found) id = get_mapped_er_attribute_id(name);
+    slot.name = name;
+    slot.id = id;
+    slot.used = true;
+    return id;
 }
 
 char* getAttrNameFromID(int id) {

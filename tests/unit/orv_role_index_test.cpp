@@ -89,6 +89,18 @@ TEST(RoleIndex, DatabaseOfARoleIsThatOfTheFirstAccessRoleInItsSubtree) {
     // Outside the base, or without a certain form: the directory answers.
     EXPECT_EQ(index.database_of("cn=r0,o=elsewhere", id), -1);
     EXPECT_EQ(index.database_of("cn=\"r0\",ou=roles," + kBase, id), -1);
+
+    // Asked again (answers kept by spelling): the same answers and ids.
+    for (int pass = 0; pass < 2; ++pass) {
+        EXPECT_EQ(index.database_of("cn=r3,cn=r2,ou=roles," + kBase, id), 1);
+        EXPECT_EQ(id, "C");
+        EXPECT_EQ(index.database_of("CN=r0, ou=Roles," + kBase, id), 1);
+        EXPECT_EQ(id, "A");
+        EXPECT_EQ(index.database_of("cn=r2,ou=roles," + kBase, id), 0);
+        EXPECT_EQ(id, "");
+        EXPECT_EQ(index.database_of("cn=r0,o=elsewhere", id), -1);
+        EXPECT_EQ(id, "");
+    }
 }
 
 TEST(RoleIndex, DoubtfulMemberOrMemoryBoundMakesTheIndexDecline) {

@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "orvldap.h"
@@ -83,6 +84,8 @@ private:
     // Canonical DN (a role or one of its ancestors) -> first access role at
     // or below it.
     std::unordered_map<std::string, std::uint32_t> first_access_;
+    // database_of's answers by role DN as asked (status, id).
+    mutable std::unordered_map<std::string, std::pair<int, std::string>> answers_;
     std::size_t bytes_ = 0;
     bool usable_ = true;
 };
