@@ -111,7 +111,7 @@ long raw_single() {
 // The VLV windows the library sends (sorted on cn, 1000 entries each).
 long raw_windows(std::vector<std::string>* dns = nullptr) {
     long total = 0;
-    int offset = 1, count = 0;
+    int offset = 1;
     berval context{0, nullptr};
     std::string saved_context;
     for (;;) {
@@ -125,7 +125,7 @@ long raw_windows(std::vector<std::string>* dns = nullptr) {
         info.ldvlv_version = 1;
         info.ldvlv_after_count = kWindow - 1;
         info.ldvlv_offset = offset;
-        info.ldvlv_count = count;
+        info.ldvlv_count = 0;  // absolute positions, as the library asks
         info.ldvlv_context = saved_context.empty() ? nullptr : &context;
         ldap_create_vlv_control(g_raw, &info, &controls[1]);
         LDAPMessage* res = nullptr;
@@ -153,7 +153,6 @@ long raw_windows(std::vector<std::string>* dns = nullptr) {
         if (ctx) ber_bvfree(ctx);
         ldap_controls_free(returned);
         ldap_msgfree(res);
-        count = content;
         offset += kWindow;
         if (n == 0 || offset > content) break;
     }
