@@ -129,7 +129,8 @@ SCENARIOS = {
     "corporate-directory": {
         "description": "a plain corporate LDAP server: people, groups, meta groups, "
                        "partition administrator; no ORV configuration",
-        "defaults": {"corp_admin_dn": "", "corp_admin_pw": "CorpAdmin1", "corp_users": "0"},
+        "defaults": {"corp_admin_dn": "", "corp_admin_pw": "CorpAdmin1", "corp_users": "0",
+                     "corp_bulk_users": "0", "corp_big_groups": ""},
     },
     "radius": {
         "description": "standalone plus RADIUS flag and RADIUS server entry; users and the "
@@ -612,6 +613,26 @@ def _corporate_directory(seed, params, suffix):
         members = [dn(u["uid"]) for u in users if cn in u["groups"]]
         parts.append(render("corporate-group.ldif.in", {
             "suffix": suffix, "cn": cn, "group_class": cls, "description": desc, "members": members}))
+    # Bulk users bulkNNNNN (in no group of their own) and large groups of
+    # class group ("Name:count,..."), each with the first count bulk users.
+    bulk = int(params.get("corp_bulk_users") or "0")
+    for i in range(1, bulk + 1):
+        uid = "bulk%05d" % i
+        parts.append(render("corporate-person.ldif.in", {
+            "suffix": suffix, "uid": uid, "cn": "Bulk User%05d" % i, "sn": "User%05d" % i,
+            "given_name": "Bulk", "mail": "%s@corp.test" % uid, "phone": "+1 555 0300",
+            "other_phone": "+1 555 0399", "sid": "S-1-5-21-7000-8000-9001-%d" % (100000 + i),
+            "password_hash": user_hash}))
+    for spec in (params.get("corp_big_groups") or "").split(","):
+        if not spec.strip():
+            continue
+        cn, _, size = spec.strip().rpartition(":")
+        if not cn or int(size) > bulk:
+            raise ValueError("corp_big_groups: %r needs name:count with count <= corp_bulk_users" % spec)
+        parts.append(render("corporate-group.ldif.in", {
+            "suffix": suffix, "cn": cn, "group_class": "group",
+            "description": "Large group of %s bulk users" % size,
+            "members": [dn("bulk%05d" % i) for i in range(1, int(size) + 1)]}))
     parts.append(render("corporate-group.ldif.in", {
         "suffix": suffix, "cn": "ZorlaUsers", "group_class": "groupOfNames",
         "description": "Meta group of the corporate users admitted to ORV",

@@ -675,10 +675,10 @@ char** get_zorla_dns_paging(LDAP* ld, const char* dn, const char* objectClass,
     if (!all.empty()) return orv::to_orv_array(all);
 
     // The server hands the members out in ranges: 0-1499, 1500-2999, ...
-    // until the range it names ends in "*" (the last), a request fails or
-    // returns nothing.  Each answer must start where the request did; the
-    // next request starts after the answer's end (a server may hand out
-    // fewer values than asked for).
+    // until a request fails or returns nothing.  Each answer must start
+    // where the request did; the next request starts after the answer's end
+    // (a server may hand out fewer values than asked for), or one window
+    // further after the range the server names as the last ("<low>-*").
     long low = 0;
     for (int ranges = 1;; ++ranges) {
         if (ranges > ORV_MEMBER_MAX_RANGES) {
@@ -703,8 +703,7 @@ char** get_zorla_dns_paging(LDAP* ld, const char* dn, const char* objectClass,
             ldapErrCode = orv::kClientLoop;
             return nullptr;
         }
-        if (got.last) break;
-        low = got.high + 1;
+        low = got.last ? low + ORV_MEMBER_RANGE_WINDOW : got.high + 1;
     }
     ORV_DEBUG("Number of member DNs: ", static_cast<long>(all.size()));
     return orv::to_orv_array(all);
