@@ -200,6 +200,24 @@ class ScenarioTest(unittest.TestCase):
         self.assertFalse([d for d in dns if "orvconfigurationsettings" in d or "version number" in d])
         self.assertEqual("uid=corpadmin,ou=People,dc=corp,dc=test", seed.params["admin_dn"])
 
+    def test_corporate_directory_bulk_users_and_large_groups(self):
+        seed = orvseed.build("corporate-directory", "dc=corp,dc=test",
+                             {"corp_bulk_users": "1600", "corp_big_groups": "Big:1501,Small:3"})
+        entries = dict((dn.lower(), attrs) for dn, attrs in self.entries(seed))
+        bulk = [dn for dn in entries if dn.startswith("uid=bulk")]
+        self.assertEqual(1600, len(bulk))
+        big = entries["cn=big,ou=groups,dc=corp,dc=test"]
+        members = [v.lower() for k, v in big if k.lower() == "member"]
+        self.assertEqual(1501, len(members))
+        self.assertEqual(1501, len(set(members)))
+        self.assertEqual("uid=bulk00001,ou=people,dc=corp,dc=test", members[0])
+        self.assertEqual("uid=bulk01501,ou=people,dc=corp,dc=test", members[-1])
+        self.assertIn(("objectClass", "group"), big)
+        self.assertEqual(3, len([1 for k, _ in entries["cn=small,ou=groups,dc=corp,dc=test"] if k == "member"]))
+        with self.assertRaises(ValueError):
+            orvseed.build("corporate-directory", "dc=corp,dc=test",
+                          {"corp_bulk_users": "10", "corp_big_groups": "Big:11"})
+
     def test_radius_users_and_flags(self):
         seed = self.build("radius", radius_port=1999, radius_secret="s3")
         self.assertIn("alice:alice-otp\n", seed.radius_users)
