@@ -75,12 +75,10 @@ int read_member_entries(LDAP* ld, char** list, int n, MemberEntries& out) {
     std::unordered_map<std::string, int> wanted;
     std::map<std::string, std::vector<int>> by_parent;  // canonical parent -> members
     std::map<std::string, std::string> parent_base;     // canonical parent -> DN as written
-    std::vector<std::string> keys(static_cast<std::size_t>(n));
     std::vector<std::string> rdns;
     for (int i = 0; i < n; ++i) {
         if (!list[i] || !canonical_dn(list[i], rdns) || rdns.size() < 2) continue;
-        keys[i] = join_rdns(rdns);
-        if (!wanted.emplace(keys[i], i).second) continue;  // a repeated member
+        if (!wanted.emplace(join_rdns(rdns), i).second) continue;  // a repeated member
         const std::string parent = join_rdns(rdns, 1);
         by_parent[parent].push_back(i);
         if (!parent_base.count(parent)) parent_base[parent] = parent_text(list[i]);
