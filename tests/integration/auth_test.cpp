@@ -26,6 +26,7 @@
 #include "auth_support.hpp"
 #include "orvldap.h"
 #include "orvldap_auth.h"
+#include "session_support.hpp"
 #include "testbed.hpp"
 
 namespace {
@@ -240,10 +241,7 @@ protected:
         dir().reseed("standalone");
     }
     static void seed_corporate(std::map<std::string, std::string> params) {
-        params["corp_host"] = corp_->host();
-        params["corp_port"] = std::to_string(corp_->port());
-        params["corp_suffix"] = "dc=corp,dc=test";
-        dir().reseed("corporate", params);
+        orvtest::use_partition(dir(), *corp_, std::move(params));
     }
     static std::string corp_dn(const std::string& uid) { return corp_->user_dn(uid); }
 

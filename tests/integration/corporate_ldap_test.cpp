@@ -73,9 +73,7 @@ protected:
                           "\nchangetype: add\nobjectClass: top\nobjectClass: groupOfUniqueNames\ncn: QA\n"
                           "uniqueMember: " + corp_->user_dn("jsmith") + "\nuniqueMember: " +
                           corp_->user_dn("kwhite") + "\nuniqueMember: cn=QA Leads" + g + "\n");
-        dir().reseed("corporate", {{"corp_host", corp_->host()},
-                                   {"corp_port", std::to_string(corp_->port())},
-                                   {"corp_suffix", kCorp}});
+        orvtest::use_partition(dir(), *corp_);
     }
     static void TearDownTestSuite() {
         corp_.reset();

@@ -115,9 +115,7 @@ protected:
             "dn: cn=config\nchangetype: modify\nreplace: nsslapd-accesslog-logbuffering\n"
             "nsslapd-accesslog-logbuffering: off\n");
         corp_->restart();
-        dir().reseed("corporate", {{"corp_host", corp_->host()},
-                                   {"corp_port", std::to_string(corp_->port())},
-                                   {"corp_suffix", kCorp}});
+        orvtest::use_partition(dir(), *corp_);
     }
     static void TearDownTestSuite() {
         corp_.reset();

@@ -29,6 +29,7 @@
 #include "orvldap_auth.h"
 #include "orvldap_entry.h"
 #include "orvldap_utils.h"
+#include "session_support.hpp"
 #include "testbed.hpp"
 
 namespace {
@@ -396,10 +397,7 @@ protected:
         dir().reseed("standalone");
     }
     static void seed_corporate(std::map<std::string, std::string> params) {
-        params["corp_host"] = corp_->host();
-        params["corp_port"] = std::to_string(corp_->port());
-        params["corp_suffix"] = "dc=corp,dc=test";
-        dir().reseed("corporate", params);
+        orvtest::use_partition(dir(), *corp_, std::move(params));
     }
     void reopen(std::map<std::string, std::string> params) {
         session_.close();

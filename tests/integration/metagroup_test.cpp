@@ -57,10 +57,7 @@ TEST(MetaGroup, ExactSearchChecksEveryMatchOnEveryPage) {
                        .with_param("corp_users", std::to_string(kCorpUsers))
                        .without_plugin());
     auto& local = orv::testbed::Environment::directory();
-    local.reseed("corporate", {{"corp_host", corp.host()},
-                               {"corp_port", std::to_string(corp.port())},
-                               {"corp_suffix", "dc=corp,dc=test"},
-                               {"corp_search_base_type", "2"}});
+    orvtest::use_partition(local, corp, {{"corp_search_base_type", "2"}});
 
     for (int m : {ORV_PAGING, ORV_VLV}) {
         SCOPED_TRACE(m == ORV_PAGING ? "paged results" : "virtual list view");

@@ -48,10 +48,7 @@ protected:
         corp_ = nullptr;
     }
     void reseed(const std::string& admin_pw) {
-        local().reseed("corporate", {{"corp_host", corp_->host()},
-                                     {"corp_port", std::to_string(corp_->port())},
-                                     {"corp_suffix", kCorpSuffix},
-                                     {"corp_admin_pw", admin_pw}});
+        orvtest::use_partition(local(), *corp_, {{"corp_admin_pw", admin_pw}});
     }
     static Directory* corp_;
 };

@@ -2,6 +2,7 @@
 // context and, at close, unbind and orvlib_uninitialize_lib.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "orvldap.h"
@@ -64,5 +65,16 @@ private:
     int uncounted_at_open_ = 0;
     bool opened_ = false;
 };
+
+// Puts the ORV directory `local` in corporate mode with its partition on the
+// corporate directory `corp` (host, port and suffix); `params` adds scenario
+// parameters and wins over those three.
+inline void use_partition(orv::testbed::Directory& local, const orv::testbed::Directory& corp,
+                          std::map<std::string, std::string> params = {}) {
+    params.emplace("corp_host", corp.host());
+    params.emplace("corp_port", std::to_string(corp.port()));
+    params.emplace("corp_suffix", corp.suffix());
+    local.reseed("corporate", params);
+}
 
 }  // namespace orvtest
