@@ -623,12 +623,12 @@ def _corporate_directory(seed, params, suffix):
             "given_name": "Bulk", "mail": "%s@corp.test" % uid, "phone": "+1 555 0300",
             "other_phone": "+1 555 0399", "sid": "S-1-5-21-7000-8000-9001-%d" % (100000 + i),
             "password_hash": user_hash}))
-    for spec in (params.get("corp_big_groups") or "").split(","):
-        if not spec.strip():
+    for group in (params.get("corp_big_groups") or "").split(","):
+        if not group.strip():
             continue
-        cn, _, size = spec.strip().rpartition(":")
+        cn, _, size = group.strip().rpartition(":")
         if not cn or int(size) > bulk:
-            raise ValueError("corp_big_groups: %r needs name:count with count <= corp_bulk_users" % spec)
+            raise ValueError("corp_big_groups: %r needs name:count with count <= corp_bulk_users" % group)
         parts.append(render("corporate-group.ldif.in", {
             "suffix": suffix, "cn": cn, "group_class": "group",
             "description": "Large group of %s bulk users" % size,

@@ -15,17 +15,20 @@
 
 namespace orvtest {
 
-// A loopback port with nothing listening.
+// A loopback port with nothing listening (bound, read, closed again); 0
+// when none could be had.
 inline int closed_port() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof addr;
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    int port = 0;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+        port = ntohs(addr.sin_port);
     close(fd);
-    return ntohs(addr.sin_port);
+    return port;
 }
 
 

@@ -2,18 +2,18 @@
 // the URIs that the plain and SSL openings make of them, and a session over
 // a list of servers none of which is there.
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <string>
 
+#include "../api_sweep.hpp"
 #include "orv_ldap.hpp"
 #include "orvldap.h"
 #include "orvplatforms.h"
 
 namespace {
+
+using orvtest::closed_port;
 
 std::string uri_of(LDAP* ld) {
     char* uri = nullptr;
@@ -21,20 +21,6 @@ std::string uri_of(LDAP* ld) {
     std::string text = uri;
     ldap_memfree(uri);
     return text;
-}
-
-int closed_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-        port = ntohs(addr.sin_port);
-    close(fd);
-    return port;
 }
 
 }  // namespace

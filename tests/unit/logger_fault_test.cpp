@@ -4,13 +4,10 @@
 // Each case runs in a child process (a file-size limit, another user), which
 // reports what the library answered on a pipe; the parent checks it.
 #include <gtest/gtest.h>
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,10 +20,13 @@
 #include <sstream>
 #include <string>
 
+#include "../api_sweep.hpp"
 #include "orvldap.h"
 #include "pex_logger_internal.hpp"
 
 namespace {
+
+using orvtest::closed_port;
 
 constexpr long kFileLimit = 4096;
 
@@ -64,20 +64,6 @@ std::pair<int, long> log_files(const std::string& dir) {
         closedir(d);
     }
     return {files, bytes};
-}
-
-int closed_port() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-        port = ntohs(addr.sin_port);
-    close(fd);
-    return port;
 }
 
 // Library calls that log at every step, many times over; each answer goes
