@@ -20,6 +20,7 @@
 #include "orvldap.h"
 #include "orvldap_search.h"
 #include "orvldap_session.h"
+#include "corporate_support.hpp"
 #include "session_support.hpp"
 #include "testbed.hpp"
 
@@ -27,7 +28,6 @@ namespace {
 
 using orv::testbed::Directory;
 using orv::testbed::Options;
-using orvtest::Session;
 
 ORV_TESTBED_ENVIRONMENT(Options().with_scenario("standalone"));
 
@@ -60,7 +60,7 @@ size_t count(const std::vector<std::string>& v, const std::string& dn) {
     return std::count(v.begin(), v.end(), lower(dn));
 }
 
-class CorporateLdapTest : public ::testing::Test {
+class CorporateLdapTest : public orvtest::CorporateSessionTest {
 protected:
     static void SetUpTestSuite() {
         corp_ = std::make_unique<Directory>(
@@ -75,24 +75,9 @@ protected:
                           corp_->user_dn("kwhite") + "\nuniqueMember: cn=QA Leads" + g + "\n");
         orvtest::use_partition(dir(), *corp_);
     }
-    static void TearDownTestSuite() {
-        corp_.reset();
-        dir().reseed("standalone");
-    }
-    void SetUp() override {
-        session_.open(dir());
-        ASSERT_NE(session_.ld(), nullptr) << session_.status();
-        ASSERT_EQ(ORV_OPERATION_MODE, 1);
-        ASSERT_NE(corporate_admin_ld, nullptr);
-    }
-    void TearDown() override { session_.close(); }
-    LDAP* ld() const { return session_.ld(); }
     static std::string group(const std::string& cn) { return "cn=" + cn + ",ou=Groups," + kCorp; }
 
-    static std::unique_ptr<Directory> corp_;
-    Session session_;
 };
-std::unique_ptr<Directory> CorporateLdapTest::corp_;
 
 TEST_F(CorporateLdapTest, VirtualListViewIsDetected) {
     EXPECT_EQ(mechanism, ORV_VLV);

@@ -23,6 +23,7 @@
 #include "orvldap_search.h"
 #include "orvldap_session.h"
 #include "orvldap_utils.h"
+#include "corporate_support.hpp"
 #include "session_support.hpp"
 #include "testbed.hpp"
 
@@ -34,7 +35,6 @@ namespace {
 
 using orv::testbed::Directory;
 using orv::testbed::Options;
-using orvtest::Session;
 
 ORV_TESTBED_ENVIRONMENT(Options().with_scenario("standalone"));
 
@@ -94,7 +94,7 @@ Members members_of(LDAP* ld, const std::string& group) {
     return m;
 }
 
-class CorporateRangesTest : public ::testing::Test {
+class CorporateRangesTest : public orvtest::CorporateSessionTest {
 protected:
     static void SetUpTestSuite() {
         corp_ = std::make_unique<Directory>(Options()
@@ -117,18 +117,6 @@ protected:
         corp_->restart();
         orvtest::use_partition(dir(), *corp_);
     }
-    static void TearDownTestSuite() {
-        corp_.reset();
-        dir().reseed("standalone");
-    }
-    void SetUp() override {
-        session_.open(dir());
-        ASSERT_NE(session_.ld(), nullptr) << session_.status();
-        ASSERT_EQ(ORV_OPERATION_MODE, 1);
-        ASSERT_NE(corporate_admin_ld, nullptr);
-    }
-    void TearDown() override { session_.close(); }
-    LDAP* ld() const { return session_.ld(); }
 
     // The attribute lists of the base searches of `dn` the corporate server
     // logged after line `from` whose attributes name "member".
@@ -152,11 +140,7 @@ protected:
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
-
-    static std::unique_ptr<Directory> corp_;
-    Session session_;
 };
-std::unique_ptr<Directory> CorporateRangesTest::corp_;
 
 // The server answers as a domain controller: paged results chosen, a plain
 // "member" request of a large group answered with the first range, later
