@@ -45,6 +45,34 @@ private:
     bool filter_ = false;
 };
 
+// A test on a library session of the test bed's directory whose records
+// (kept with keep()) are freed at its end, and whose library allocations
+// must then be back where they started.
+class BalancedSessionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        memory_.start(session_);
+        session_.open(orv::testbed::Environment::directory());
+        ASSERT_NE(session_.ld(), nullptr) << "session: " << ldapErrCode;
+    }
+    void TearDown() override {
+        for (ORVLibEntry* e : owned_) orvlib_orvlibentry_free(e);
+        owned_.clear();
+        session_.close();
+        EXPECT_EQ(memory_.outstanding(session_), 0) << "library allocations outstanding";
+    }
+    LDAP* ld() { return session_.ld(); }
+    // Records freed at the end of the test.
+    ORVLibEntry* keep(ORVLibEntry* e) {
+        if (e) owned_.push_back(e);
+        return e;
+    }
+
+    Session session_;
+    MemoryBalance memory_;
+    std::vector<ORVLibEntry*> owned_;
+};
+
 // A connection bound as the directory's root DN.
 class Root {
 public:

@@ -26,9 +26,7 @@
 
 namespace {
 
-using orv::authtest::MemoryBalance;
 using orv::authtest::Root;
-using orv::authtest::Session;
 
 ORV_TESTBED_ENVIRONMENT(orv::testbed::Options().with_scenario("standalone"));
 
@@ -105,7 +103,7 @@ Listing list(LDAP* ld, const std::string& filter, int type, int id) {
     return out;
 }
 
-class RegistryTest : public ::testing::Test {
+class RegistryTest : public orv::authtest::BalancedSessionTest {
 protected:
     static void SetUpTestSuite() {
         orv::authtest::enable_library_log();
@@ -113,34 +111,13 @@ protected:
             "dn: cn=config\nchangetype: modify\nreplace: nsslapd-accesslog-logbuffering\n"
             "nsslapd-accesslog-logbuffering: off\n");
     }
-    void SetUp() override {
-        memory_.start(session_);
-        session_.open(dir());
-        ASSERT_NE(session_.ld(), nullptr) << "session: " << ldapErrCode;
-    }
-    void TearDown() override {
-        for (ORVLibEntry* e : owned_) orvlib_orvlibentry_free(e);
-        owned_.clear();
-        session_.close();
-        EXPECT_EQ(memory_.outstanding(session_), 0) << "library allocations outstanding";
-    }
-    LDAP* ld() { return session_.ld(); }
 
-    // Records freed at the end of the test.
-    ORVLibEntry* keep(ORVLibEntry* e) {
-        if (e) owned_.push_back(e);
-        return e;
-    }
     ORVLibEntry* server(const char* id = nullptr, const char** extended = nullptr) {
         return keep(orvlib_register_application_server(ld(), ORV_TOOL_2, id, extended));
     }
     ORVLibEntry* facility(ORVLibEntry* srv, const char* url, unsigned long type = ORV_FACILITY_WEB_CLIENT) {
         return keep(orvlib_add_application_facility(ld(), srv, url, ORV_FACILITY_STATUS_ON, type));
     }
-
-    Session session_;
-    MemoryBalance memory_;
-    std::vector<ORVLibEntry*> owned_;
 };
 
 // ------------------------------------------------------------------ servers

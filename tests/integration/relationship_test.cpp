@@ -19,9 +19,7 @@
 
 namespace {
 
-using orv::authtest::MemoryBalance;
 using orv::authtest::Root;
-using orv::authtest::Session;
 
 ORV_TESTBED_ENVIRONMENT(orv::testbed::Options().with_scenario("standalone").with_param("relationships", "1"));
 
@@ -48,24 +46,8 @@ std::string er_first(LDAP* ld, ORVLibEntry* e, int id) {
 
 std::set<std::string> sorted(std::vector<std::string> v) { return {v.begin(), v.end()}; }
 
-class RelationshipTest : public ::testing::Test {
+class RelationshipTest : public orv::authtest::BalancedSessionTest {
 protected:
-    void SetUp() override {
-        memory_.start(session_);
-        session_.open(dir());
-        ASSERT_NE(session_.ld(), nullptr) << "session: " << ldapErrCode;
-    }
-    void TearDown() override {
-        for (ORVLibEntry* e : owned_) orvlib_orvlibentry_free(e);
-        owned_.clear();
-        session_.close();
-        EXPECT_EQ(memory_.outstanding(session_), 0) << "library allocations outstanding";
-    }
-    LDAP* ld() { return session_.ld(); }
-    ORVLibEntry* keep(ORVLibEntry* e) {
-        if (e) owned_.push_back(e);
-        return e;
-    }
     // An end type made by the library.
     ORVLibEntry* end(const char* id, const char* rule, std::vector<const char*> values) {
         values.push_back(nullptr);
@@ -103,9 +85,6 @@ protected:
         return keep(get_relationship_type_from_rel_type_id(orv_ld, id));
     }
 
-    Session session_;
-    MemoryBalance memory_;
-    std::vector<ORVLibEntry*> owned_;
     Root root_{dir()};
 };
 
