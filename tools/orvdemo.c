@@ -36,6 +36,36 @@ static const char* mode_name(void) {
     return ORV_OPERATION_MODE == 1 ? "corporate (1)" : "standalone (0)";
 }
 
+/* orvlib_init and a session (ssl 0 or 1).  When it cannot be opened, the
+ * status and its text are printed, the library is released again and NULL
+ * is returned. */
+static LDAP* open_session(const char* host, int port, int ssl, ORVLibInfo** info) {
+    char* text = NULL;
+    LDAP* ld;
+    orvlib_init();
+    ld = orvlib_getsession_context(host, port, info, ssl);
+    if (!ld) {
+        orvlib_get_last_error(NULL, &text);
+        printf("  %s session to %s:%d failed: %d %s\n", ssl ? "SSL" : "plain", host, port, ldapErrCode,
+               text ? text : "");
+        orvlib_memfree(text);
+        orvlib_uninitialize_lib();
+    }
+    return ld;
+}
+
+/* Frees the information record with the strings the caller owns, unbinds
+ * and releases the library. */
+static void close_session(LDAP* ld, ORVLibInfo* info) {
+    if (info) {
+        orvlib_memfree((void*)info->orv_server_version);
+        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
+        orvlib_orvlibinfo_free(info);
+    }
+    orvlib_unbind(ld);
+    orvlib_uninitialize_lib();
+}
+
 /* Opens one session and prints the library and server information. */
 static int show_session(const char* host, int port, int ssl) {
     ORVLibInfo* info = NULL;
@@ -43,16 +73,8 @@ static int show_session(const char* host, int port, int ssl) {
     LDAP* ld;
     int rc;
 
-    orvlib_init();
-    ld = orvlib_getsession_context(host, port, &info, ssl);
-    if (!ld) {
-        orvlib_get_last_error(NULL, &text);
-        printf("  %s session to %s:%d failed: %d %s\n", ssl ? "SSL" : "plain", host, port,
-               ldapErrCode, text ? text : "");
-        orvlib_memfree(text);
-        orvlib_uninitialize_lib();
-        return 1;
-    }
+    ld = open_session(host, port, ssl, &info);
+    if (!ld) return 1;
     printf("  %s session to %s:%d\n", ssl ? "SSL" : "Plain", host, port);
     orvlib_get_orvlibinfo(info, 4000, &text);
     printf("    library version   %s\n", text ? text : "");
@@ -70,13 +92,7 @@ static int show_session(const char* host, int port, int ssl) {
     rc = orvlib_get_connection_status(ld);
     printf("    connection        %s\n", rc == 3040 ? "active" : "inactive");
 
-    if (info) {
-        orvlib_memfree((void*)info->orv_server_version);
-        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
-        orvlib_orvlibinfo_free(info);
-    }
-    orvlib_unbind(ld);
-    orvlib_uninitialize_lib();
+    close_session(ld, info);
     return 0;
 }
 
@@ -154,24 +170,13 @@ static int show_searches(const char* host, int port) {
     ORVLibInfo* info = NULL;
     LDAP* ld;
     int failures = 0;
-    orvlib_init();
-    ld = orvlib_getsession_context(host, port, &info, 0);
-    if (!ld) {
-        printf("  session failed: %d\n", ldapErrCode);
-        orvlib_uninitialize_lib();
-        return 1;
-    }
+    ld = open_session(host, port, 0, &info);
+    if (!ld) return 1;
     failures += show_search(ld, "People", "*", 5001);
     failures += show_search(ld, "People whose name starts with B", "b*", 5001);
     failures += show_search(ld, "Groups", "*", 5002);
     failures += show_search(ld, "Members of Developers", "Developers", 5005);
-    if (info) {
-        orvlib_memfree((void*)info->orv_server_version);
-        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
-        orvlib_orvlibinfo_free(info);
-    }
-    orvlib_unbind(ld);
-    orvlib_uninitialize_lib();
+    close_session(ld, info);
     return failures;
 }
 
@@ -195,13 +200,8 @@ static int show_registry(const char* host, int port) {
     int rc, failures = 0;
 
     printf("\nApplication registry\n");
-    orvlib_init();
-    ld = orvlib_getsession_context(host, port, &info, 0);
-    if (!ld) {
-        printf("  session failed: %d\n", ldapErrCode);
-        orvlib_uninitialize_lib();
-        return 1;
-    }
+    ld = open_session(host, port, 0, &info);
+    if (!ld) return 1;
     server = orvlib_register_application_server(ld, ORV_TOOL_2, NULL, NULL);
     facility = server ? orvlib_add_application_facility(ld, server, "http://zorla.demo.test/app",
                                                         ORV_FACILITY_STATUS_ON, ORV_FACILITY_WEB_CLIENT)
@@ -232,13 +232,7 @@ static int show_registry(const char* host, int port) {
     }
     orvlib_orvlibentry_free(facility);
     orvlib_orvlibentry_free(server);
-    if (info) {
-        orvlib_memfree((void*)info->orv_server_version);
-        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
-        orvlib_orvlibinfo_free(info);
-    }
-    orvlib_unbind(ld);
-    orvlib_uninitialize_lib();
+    close_session(ld, info);
     return failures;
 }
 
@@ -265,13 +259,8 @@ static int show_relationships(const char* host, int port) {
     int rc, failures = 0;
 
     printf("\nExternal relationships\n");
-    orvlib_init();
-    ld = orvlib_getsession_context(host, port, &info, 0);
-    if (!ld) {
-        printf("  session failed: %d\n", ldapErrCode);
-        orvlib_uninitialize_lib();
-        return 1;
-    }
+    ld = open_session(host, port, 0, &info);
+    if (!ld) return 1;
     end_a = orvlib_create_end_type_object(ld, "demo-end-a", "repository", repo1, "documents of repository 1");
     end_b = orvlib_create_end_type_object(ld, "demo-end-b", "repository", repo2, "items of repository 2");
     type = end_a && end_b ? orvlib_create_relationship_type(ld, "demo-type", "document describes item", end_a, end_b)
@@ -318,13 +307,7 @@ static int show_relationships(const char* host, int port) {
     orvlib_orvlibentry_free(type);
     orvlib_orvlibentry_free(end_b);
     orvlib_orvlibentry_free(end_a);
-    if (info) {
-        orvlib_memfree((void*)info->orv_server_version);
-        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
-        orvlib_orvlibinfo_free(info);
-    }
-    orvlib_unbind(ld);
-    orvlib_uninitialize_lib();
+    close_session(ld, info);
     return failures;
 }
 
@@ -346,20 +329,12 @@ static int online_demo(int argc, char** argv) {
  * domain controller; people and group members come from it first. */
 static int corporate_demo(const char* host, int port) {
     ORVLibInfo* info = NULL;
-    char* text = NULL;
     int failures = 0;
     LDAP* ld;
 
     printf("Corporate session (ORV directory %s:%d in front of Active Directory)\n", host, port);
-    orvlib_init();
-    ld = orvlib_getsession_context(host, port, &info, 0);
-    if (!ld) {
-        orvlib_get_last_error(NULL, &text);
-        printf("  session failed: %d %s\n", ldapErrCode, text ? text : "");
-        orvlib_memfree(text);
-        orvlib_uninitialize_lib();
-        return 1;
-    }
+    ld = open_session(host, port, 0, &info);
+    if (!ld) return 1;
     printf("    operation mode    %s\n", mode_name());
     printf("    corporate server  %s:%d (%s)\n", PARTITION_INFO ? PARTITION_INFO->hostname : "",
            PARTITION_INFO ? PARTITION_INFO->port_num : 0,
@@ -370,13 +345,7 @@ static int corporate_demo(const char* host, int port) {
                             5005);
     failures += orvlib_authenticate_user(ld, "jsmith", "Secret123!") != 0;
     printf("\nAD user jsmith logs in: %s\n", failures ? "refused" : "accepted");
-    if (info) {
-        orvlib_memfree((void*)info->orv_server_version);
-        orvlib_memfree((void*)info->orv_server_lib_compatibility_version);
-        orvlib_orvlibinfo_free(info);
-    }
-    orvlib_unbind(ld);
-    orvlib_uninitialize_lib();
+    close_session(ld, info);
     return failures;
 }
 
