@@ -74,6 +74,7 @@ int read_member(LDAP*& ld, const char* dn, orv::LdapMsg& res) {
                          res);
         if (!is_drop(rc) || attempt == connection_retries || ORV_OPERATION_MODE != 1) break;
         ORV_DEBUG("Connection Timed out", rc);
+        orv::forget_corporate_window();
         ld = orv::reconnect_corporate(ld);
     }
     return rc;
@@ -120,6 +121,7 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
                 // The end of the members: nothing of this search is kept.
                 free_member_list();
                 free_nested_list();
+                orv::forget_corporate_window();
                 nested_groups_retrieved = 1;
                 nested_group_index = ORV_NESTED_GROUP_LIST_SIZE - 1;
                 orv::release(orv::Held::Members);
@@ -156,8 +158,21 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
                 return e;
             }
         }
+        if (corporate) {
+            // Corporate members and their counterparts: read a window ahead.
+            if (LDAPMessage* e = orv::corporate_member_entry(
+                    conn, own, GLOBAL_ZORLA_GROUPMEMBERS_LIST, member_count(), index)) {
+                orv::release(orv::Held::Members);
+                orv::fill_entry(conn, entry, e);
+                check_and_populate_extended_information(own, &e, entry, ORV_SEARCH_GROUP_MEMBERS);
+                orvlib_memfree(dn);
+                GLOBAL_ZORLA_GROUPMEMBERS_LIST[index] = nullptr;
+                return e;
+            }
+        }
         orv::LdapMsg res;
         int rc = read_member(conn, dn, res);
+        const bool from_corporate = corporate && rc == LDAP_SUCCESS;
         if (corporate && rc != LDAP_SUCCESS && !is_drop(rc)) {
             ORV_DEBUG("User not found in Corporate LDAP Server, looking in PEX", dn);
             conn = own;
@@ -175,6 +190,7 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
             return nullptr;
         }
         LDAPMessage* e = rc == LDAP_SUCCESS ? orv::first_entry(conn, res.get()) : nullptr;
+        if (corporate) orv::corporate_member_read_alone(dn, from_corporate && e != nullptr);
         if (!e) continue;  // not a user: possibly a nested group
 
         orv::fill_entry(conn, entry, e);
@@ -194,6 +210,7 @@ namespace orv {
 void reset_group_members() {
     free_member_list();
     free_nested_list();
+    forget_corporate_window();
     release(Held::Members);
 }
 }  // namespace orv

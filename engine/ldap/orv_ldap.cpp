@@ -8,6 +8,8 @@
 
 #include <cstring>
 
+#include "orv_member_entries.hpp"
+
 namespace orv {
 
 int g_timeout_seconds = 30;
@@ -101,11 +103,13 @@ int extended_operation(LDAP* ld, const char* oid, const std::string& value,
 
 int modify(LDAP* ld, const char* dn, LDAPMod** mods) {
     if (!ld) return kParamError;
+    note_written(dn);
     return status_from_ldap(ldap_modify_ext_s(ld, dn ? dn : "", mods, nullptr, nullptr));
 }
 
 int add(LDAP* ld, const char* dn, LDAPMod** attrs) {
     if (!ld) return kParamError;
+    note_written(dn);
     return status_from_ldap(ldap_add_ext_s(ld, dn ? dn : "", attrs, nullptr, nullptr));
 }
 

@@ -5,8 +5,10 @@
 #include "orv_member_entries.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <memory>
+#include <unordered_set>
 
 #include "orv_ldap.hpp"
 #include "orv_role_index.hpp"
@@ -144,5 +146,235 @@ const MemberEntries* member_entries_of(LDAP* ld, char** list, int n, int* status
 void forget_member_entries() { search_state().members.reset(); }
 
 void set_member_read_ahead_enabled(bool enabled) { g_read_ahead = enabled; }
+
+// ---------------------------------------------------------------- corporate
+
+struct CorporateWindow {
+    LDAP* corp = nullptr;
+    LDAP* local = nullptr;
+    char** list = nullptr;
+    int end = 0;         // members before this index have had their window
+    int attr = 0;        // index into dn_attributes(); 2: nothing read ahead
+    int hits = 0;        // members of the current window delivered from it
+    int requests = 0;
+    std::vector<LdapMsg> results;
+    // The window before: the entry the caller holds may come from it.
+    std::vector<LdapMsg> previous;
+    std::unordered_map<std::string, LDAPMessage*> entries;       // canonical DN
+    std::unordered_set<std::string> asked;                        // canonical DN
+    std::unordered_map<std::string, LDAPMessage*> counterparts;  // lower-case corporate DN
+    std::unordered_map<std::string, std::string> counterpart_of; // canonical local DN -> key
+
+    void clear_window() {
+        entries.clear();
+        asked.clear();
+        counterparts.clear();
+        counterpart_of.clear();
+        previous = std::move(results);
+        results.clear();
+        hits = 0;
+    }
+};
+
+namespace {
+
+const char* const* dn_attributes() {
+    static const char* const kDomainController[] = {"distinguishedName", "entryDN"};
+    static const char* const kOther[] = {"entryDN", "distinguishedName"};
+    return mechanism == ORV_PAGING ? kDomainController : kOther;
+}
+
+std::string ascii_lower(const std::string& text) {
+    std::string out(text);
+    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+}
+
+std::string canonical_key(const char* dn) {
+    std::vector<std::string> rdns;
+    if (!dn || !canonical_dn(dn, rdns)) return {};
+    return join_rdns(rdns);
+}
+
+// Reads the corporate entries of the window's members, container by
+// container.  False when the connection was lost (the window is dropped;
+// the members are read alone, which reports or re-opens).
+bool read_corporate_entries(CorporateWindow& w,
+                            const std::map<std::string, std::vector<int>>& by_parent,
+                            const std::map<std::string, std::string>& parent_base) {
+    const char* attr = dn_attributes()[w.attr];
+    for (const auto& [parent, members] : by_parent) {
+        if (members.size() < 2) continue;  // as cheap to read alone
+        std::string filter = std::string("(&") + kPersonFilterStrict + "(|";
+        for (int i : members) filter += std::string("(") + attr + "=" + filter_value(w.list[i]) + ")";
+        filter += "))";
+        LdapMsg res;
+        ++w.requests;
+        const int rc = search(w.corp, parent_base.at(parent).c_str(), LDAP_SCOPE_ONELEVEL,
+                              filter.c_str(), ORVLIB_USER_ATTR_LIST, 0, res);
+        if (lost(rc)) {
+            w.entries.clear();
+            w.asked.clear();
+            return false;
+        }
+        if (rc != LDAP_SUCCESS) {
+            ORV_DEBUG("Corporate members not read ahead: ", rc);
+            continue;
+        }
+        for (LDAPMessage* e = ldap_first_entry(w.corp, res.get()); e;
+             e = ldap_next_entry(w.corp, e)) {
+            LdapString dn(ldap_get_dn(w.corp, e));
+            const std::string key = canonical_key(dn.get());
+            if (!key.empty() && w.asked.count(key)) w.entries.emplace(key, e);
+        }
+        w.results.push_back(std::move(res));
+    }
+    return true;
+}
+
+// Reads the local counterparts of the corporate entries read ahead.
+void read_counterparts(CorporateWindow& w) {
+    if (!w.local || w.entries.empty() || orvlib_get_user_uuid_generation_flag() != 1) return;
+    std::unordered_set<std::string> keys;
+    std::string filter = "(&(objectclass=morvaneperson)(|";
+    for (const auto& item : w.entries) {
+        const std::string dn = entry_dn(w.corp, item.second);
+        if (dn.empty() || !keys.insert(ascii_lower(dn)).second) continue;
+        filter += "(orvCorporateDN=" + filter_value(dn) + ")";
+    }
+    filter += "))";
+    LdapMsg res;
+    ++w.requests;
+    const int rc = search(w.local, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),
+                          ORVLIB_EXT_USER_ATTR_LIST, 0, res);
+    if (rc != LDAP_SUCCESS) return;  // each member looks its counterpart up
+    std::unordered_set<std::string> claimed_twice;
+    for (LDAPMessage* e = ldap_first_entry(w.local, res.get()); e;
+         e = ldap_next_entry(w.local, e)) {
+        bool matched = false;
+        for (const std::string& value : attribute_values(w.local, e, "orvCorporateDN")) {
+            const std::string key = ascii_lower(value);
+            if (!keys.count(key)) continue;
+            matched = true;
+            if (!w.counterparts.emplace(key, e).second) claimed_twice.insert(key);
+            LdapString dn(ldap_get_dn(w.local, e));
+            const std::string local_key = canonical_key(dn.get());
+            if (local_key.empty()) {
+                claimed_twice.insert(key);  // could not be dropped after a write
+            } else {
+                w.counterpart_of[local_key] = key;
+            }
+        }
+        if (!matched) {
+            // The server matched a value in a way this comparison does not
+            // see: which member it belongs to is not certain.
+            ORV_DEBUG("Counterparts not read ahead: uncertain match", "");
+            w.counterparts.clear();
+            w.counterpart_of.clear();
+            return;
+        }
+    }
+    for (const std::string& key : claimed_twice) w.counterparts.erase(key);
+    w.results.push_back(std::move(res));
+}
+
+void read_window(CorporateWindow& w, int n, int from) {
+    w.clear_window();
+    std::map<std::string, std::vector<int>> by_parent;
+    std::map<std::string, std::string> parent_base;
+    std::vector<std::string> rdns;
+    int taken = 0;
+    int i = from;
+    for (; i < n && taken < kCorporateWindow; ++i) {
+        const char* dn = w.list[i];
+        if (!dn || !canonical_dn(dn, rdns) || rdns.size() < 2) continue;
+        if (!w.asked.insert(join_rdns(rdns)).second) continue;  // a repeated member
+        ++taken;
+        const std::string parent = join_rdns(rdns, 1);
+        by_parent[parent].push_back(i);
+        if (!parent_base.count(parent)) parent_base[parent] = parent_text(dn);
+    }
+    w.end = i;
+    if (read_corporate_entries(w, by_parent, parent_base)) read_counterparts(w);
+    ORV_DEBUG("Corporate members read ahead: ", static_cast<long>(w.entries.size()));
+}
+
+}  // namespace
+
+LDAPMessage* corporate_member_entry(LDAP* corp, LDAP* local, char** list, int n, int index) {
+    if (!g_read_ahead || !corp || !list || index < 0 || index >= n || !list[index]) return nullptr;
+    std::shared_ptr<CorporateWindow>& current = search_state().corporate;
+    if (!current || current->corp != corp || current->local != local || current->list != list) {
+        const int attr = current && current->corp == corp ? current->attr : 0;
+        current = std::make_shared<CorporateWindow>();
+        current->corp = corp;
+        current->local = local;
+        current->list = list;
+        current->attr = attr;
+    }
+    CorporateWindow& w = *current;
+    if (w.attr >= 2) return nullptr;
+    if (index >= w.end) read_window(w, n, index);
+    auto it = w.entries.find(canonical_key(list[index]));
+    if (it == w.entries.end()) return nullptr;
+    LDAPMessage* e = it->second;
+    w.entries.erase(it);  // a repeated member is read alone, as before
+    ++w.hits;
+    return e;
+}
+
+void corporate_member_read_alone(const char* dn, bool person) {
+    CorporateWindow* w = search_state().corporate.get();
+    if (!w || !person || w->hits > 0 || !w->entries.empty() || w->attr >= 2) return;
+    if (!w->asked.count(canonical_key(dn))) return;
+    // A person the window asked for and did not get, and nothing else came
+    // back: the server does not match members by this attribute.
+    ORV_DEBUG("Corporate server does not match members by ", dn_attributes()[w->attr]);
+    w->asked.clear();
+    ++w->attr;
+    w->end = 0;  // the next member starts a window with the other attribute
+}
+
+LDAPMessage* corporate_counterpart(LDAP* local, const std::string& corporate_dn) {
+    CorporateWindow* w = search_state().corporate.get();
+    if (!w || !local || w->local != local || _current_search_type != ORV_SEARCH_GROUP_MEMBERS)
+        return nullptr;
+    auto it = w->counterparts.find(ascii_lower(corporate_dn));
+    return it == w->counterparts.end() ? nullptr : it->second;
+}
+
+void forget_corporate_window() { search_state().corporate.reset(); }
+
+int corporate_window_requests() {
+    const CorporateWindow* w = search_state().corporate.get();
+    return w ? w->requests : 0;
+}
+
+void note_written(const char* dn) {
+    SearchState& state = search_state();
+    if (!state.corporate && !state.members) return;
+    const std::string key = canonical_key(dn);
+    if (state.members) {
+        if (key.empty()) {
+            state.members->by_dn.clear();
+        } else {
+            state.members->by_dn.erase(key);
+        }
+    }
+    if (CorporateWindow* w = state.corporate.get()) {
+        if (key.empty()) {
+            w->entries.clear();
+            w->counterparts.clear();
+            w->counterpart_of.clear();
+            return;
+        }
+        w->entries.erase(key);
+        auto it = w->counterpart_of.find(key);
+        if (it != w->counterpart_of.end()) {
+            w->counterparts.erase(it->second);
+            w->counterpart_of.erase(it);
+        }
+    }
+}
 
 }  // namespace orv

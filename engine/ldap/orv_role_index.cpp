@@ -314,10 +314,13 @@ bool first_text(LDAP* ld, LDAPMessage* entry, const char* name, std::string& out
 }  // namespace
 
 struct RoleLookups {
-    enum class State { Probing, Ready, Off };
+    // Missing: the group base does not exist on this server (a corporate
+    // server answers every role search with 32), so no entry has roles.
+    enum class State { Probing, Ready, Missing, Off };
     LDAP* ld = nullptr;
     State state = State::Probing;
     int entries = 0;
+    int missing_probes = 0;  // probes answered 32
     std::vector<Probe> probes;
     std::unique_ptr<RoleIndex> index;
 };
@@ -329,21 +332,27 @@ bool searched_type() {
            _current_search_type == ORV_SEARCH_GROUP_MEMBERS;
 }
 
+// One set of look-ups per connection: in corporate mode a member's entry
+// is read on the corporate connection and its counterpart on the library's
+// own, and each answers for its own server.
 RoleLookups* lookups_for(LDAP* ld) {
     if (!g_enabled || ld == nullptr || !searched_type()) return nullptr;
-    std::shared_ptr<RoleLookups>& slot = search_state().roles;
-    if (!slot) {
-        slot = std::make_shared<RoleLookups>();
-        slot->ld = ld;
+    for (std::shared_ptr<RoleLookups>& slot : search_state().roles) {
+        if (!slot) {
+            slot = std::make_shared<RoleLookups>();
+            slot->ld = ld;
+        }
+        if (slot->ld == ld) return slot.get();
     }
-    // Entries read on another connection ask the directory.
-    return slot->ld == ld ? slot.get() : nullptr;
+    return nullptr;  // a third connection asks the directory
 }
 
 // Reads every role entry below the group base, one entry at a time, into a
 // new index; NULL when the directory refuses, the answer is incomplete, or
-// the index declines.
-std::unique_ptr<RoleIndex> read_roles(LDAP* ld) {
+// the index declines.  *result: the search's final status (0 when it
+// ended without one).
+std::unique_ptr<RoleIndex> read_roles(LDAP* ld, int* result_out) {
+    *result_out = 0;
     const long started = static_cast<long>(clock());
     std::unique_ptr<RoleIndex> index(new RoleIndex(ORV_GROUP_SRCH_BASE));
     if (!index->usable()) return nullptr;
@@ -379,6 +388,7 @@ std::unique_ptr<RoleIndex> read_roles(LDAP* ld) {
             if (ldap_parse_result(ld, msg.get(), &result, nullptr, nullptr, nullptr, nullptr, 0) ==
                 LDAP_SUCCESS)
                 complete = result == LDAP_SUCCESS;
+            *result_out = status_from_ldap(result);
             if (!complete) ORV_DEBUG("Role index: search ended with", status_from_ldap(result));
             break;
         } else {
@@ -421,16 +431,30 @@ char** roles_of_member(LDAP* ld, const char* member_dn) {
             char** roles = getRolesOfUser(ld, member_dn);
             if (ldapErrCode == LDAP_SUCCESS)
                 state->probes.push_back(Probe{member_dn, to_vector(roles)});
+            else if (ldapErrCode == LDAP_NO_SUCH_OBJECT)
+                ++state->missing_probes;
             return roles;
         }
-        state->index = read_roles(ld);
+        int result = 0;
+        state->index = read_roles(ld, &result);
         if (state->index && !agrees(*state->index, state->probes)) {
             ORV_DEBUG("Role index: differs from the directory; not used", "");
             state->index.reset();
         }
         state->probes.clear();
-        state->state = state->index ? RoleLookups::State::Ready : RoleLookups::State::Off;
-        if (state->state == RoleLookups::State::Off) return getRolesOfUser(ld, member_dn);
+        if (state->index) {
+            state->state = RoleLookups::State::Ready;
+        } else if (result == LDAP_NO_SUCH_OBJECT && state->missing_probes == kProbeEntries) {
+            ORV_DEBUG("Role index: no group base on this server; entries have no roles", "");
+            state->state = RoleLookups::State::Missing;
+        } else {
+            state->state = RoleLookups::State::Off;
+            return getRolesOfUser(ld, member_dn);
+        }
+    }
+    if (state->state == RoleLookups::State::Missing) {
+        ldapErrCode = LDAP_NO_SUCH_OBJECT;  // the directory's answer
+        return nullptr;
     }
 
     std::vector<std::string> roles;
@@ -449,7 +473,7 @@ const RoleIndex* role_index_for(LDAP* ld) {
 void set_role_index_enabled(bool enabled) { g_enabled = enabled; }
 
 const RoleIndex* current_role_index() {
-    const std::shared_ptr<RoleLookups>& slot = search_state().roles;
+    const std::shared_ptr<RoleLookups>& slot = search_state().roles[0];
     return slot ? slot->index.get() : nullptr;
 }
 

@@ -15,6 +15,7 @@
 
 #include "orv_internal.hpp"
 #include "orv_ldap.hpp"
+#include "orv_member_entries.hpp"
 #include "orv_role_index.hpp"
 #include "orvldap_entry.h"
 #include "orvldap_search.h"
@@ -637,6 +638,20 @@ int entry_dn_exists_in_tier2(LDAP* ld, const char* corporateDN, ORVLibEntry** en
     ORV_TRACE();
     if (ld == nullptr || corporateDN == nullptr || entry == nullptr)
         return orv::report(ORV_LDAPLIB_INVALID_INPUT);
+
+    // The member walk reads counterparts ahead (orv_member_entries.hpp).
+    if (LDAPMessage* ahead = orv::corporate_counterpart(ld, corporateDN)) {
+        if (!ensure_entry(entry)) {
+            orv::report(ORV_LDAPLIB_UNKNOWN_ERROR);
+            return 0;
+        }
+        append_from_server(ld, ahead, *entry, CopyLog::Tier2);
+        if (_current_search_type == ORV_SEARCH_PEOPLE ||
+            _current_search_type == ORV_SEARCH_GROUP_MEMBERS)
+            append_roles(ld, *entry, corporateDN);
+        append_databases(ld, *entry);
+        return 1;
+    }
 
     // The corporate DN as it stands, as a filter value (RFC 4515).
     const std::string escaped = orv::filter_value(corporateDN);

@@ -26,12 +26,14 @@
 #include <string>
 #include <vector>
 
+#include "orv_member_entries.hpp"
 #include "orvldap.h"
 #include "orvldap_auth.h"
 #include "orvldap_entry.h"
 #include "orvldap_search.h"
 #include "orvldap_session.h"
 #include "orvldap_utils.h"
+#include "corporate_support.hpp"
 #include "session_support.hpp"
 #include "testbed.hpp"
 
@@ -369,6 +371,26 @@ TEST_F(AdTest, GroupsMembersAndMemberships) {
     EXPECT_EQ(o.rows[0].dn, lower(ad_group("Platform")));
     o = run(ld(), "(uid=jsmith)(groupCN=Sales)", ORV_SEARCH_USER_GROUP_MEMBERSHIP);
     EXPECT_EQ(o.rows.size(), 0u);
+}
+
+// The member walk reads its members a window ahead: the domain controller
+// matches them by "distinguishedName" at the first attempt (one search of
+// OU=Staff for pbrown and smithj, whose name has an escaped comma, one of
+// their counterparts), and the entries are those of the member-by-member
+// walk.
+TEST_F(AdTest, MemberWalkReadsAheadByDistinguishedName) {
+    orv::set_member_read_ahead_enabled(false);
+    orvtest::member_entries(ld(), ad_group("Platform"));  // counterparts made where missing
+    const std::vector<orvtest::Entry> reference = orvtest::member_entries(ld(), ad_group("Platform"));
+    orv::set_member_read_ahead_enabled(true);
+    int window_requests = -1;
+    const std::vector<orvtest::Entry> ahead = orvtest::member_entries(
+        ld(), ad_group("Platform"), [&](size_t n) {
+            if (n == 2) window_requests = orv::corporate_window_requests();
+        });
+    ASSERT_EQ(reference.size(), 3u);  // pbrown, smithj, then kwhite of Deep
+    EXPECT_EQ(ahead, reference);
+    EXPECT_EQ(window_requests, 2);
 }
 
 TEST_F(AdTest, MetaGroupsRestrictUsersAndGroups) {

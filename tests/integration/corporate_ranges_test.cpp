@@ -4,7 +4,8 @@
 // first, so the library reads groups of class "group" through "member" in
 // ranges.  The corporate server holds bulk users bulk00001... and the
 // groups Range3200 (the first 3200 of them) and, outside the sanitizer
-// build, Range36000 (36,000 of them).  The requests the library sends are
+// build, Range36000 (36,000 of them); bulk03201 to bulk03300 belong to no
+// group of the seed.  The requests the library sends are
 // read back from the corporate server's access log.
 #include <gtest/gtest.h>
 
@@ -19,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "orv_member_entries.hpp"
 #include "orvldap.h"
 #include "orvldap_search.h"
 #include "orvldap_session.h"
@@ -101,7 +103,7 @@ protected:
                                                 .with_scenario("corporate-directory")
                                                 .with_suffix(kCorp)
                                                 .without_plugin()
-                                                .with_param("corp_bulk_users", large_case() ? "36000" : "3200")
+                                                .with_param("corp_bulk_users", large_case() ? "36000" : "3300")
                                                 .with_param("corp_big_groups",
                                                             large_case() ? "Range3200:3200,Range36000:36000"
                                                                          : "Range3200:3200"));
@@ -133,6 +135,13 @@ protected:
             if (attrs.compare(0, 6, "member") == 0) out.push_back(attrs);
         }
         return out;
+    }
+    // Search requests the corporate server logged after line `from`.
+    static size_t searches_since(size_t from) {
+        std::vector<std::string> lines = access_log();
+        size_t n = 0;
+        for (size_t i = from; i < lines.size(); ++i) n += lines[i].find(" SRCH ") != std::string::npos;
+        return n;
     }
     static std::vector<std::string> access_log() {
         std::ifstream in(corp_->workdir() + "/root/var/log/dirsrv/slapd-" + corp_->name() + "/access");
@@ -240,6 +249,71 @@ TEST_F(CorporateRangesTest, MembersOfA36000MemberGroupIteratedCompletely) {
     for (int low = 0; low <= 36000; low += 1500)
         expected.push_back("member;range=" + std::to_string(low) + "-" + std::to_string(low + 1499));
     EXPECT_EQ(member_requests(big, mark), expected);
+}
+
+// The corporate walk reads members and their counterparts a window at a
+// time; each entry is the one the member-by-member walk delivers, in the
+// same order, with a few requests per window instead of two per member.
+// Members spelled in capitals or with blanks, a DN without entry and a
+// nested group (its users follow) are part of the list.  A write through
+// the library to a counterpart read ahead is seen by the walk.
+TEST_F(CorporateRangesTest, WindowedWalkDeliversTheEntriesOfTheMemberByMemberWalk) {
+    std::string ldif = "dn: " + group_dn("Mixed") + "\nchangetype: add\nobjectClass: top\nobjectClass: group\n"
+                       "cn: Mixed\n";
+    for (int i = 3201; i <= 3300; ++i) {
+        std::string dn = bulk_dn(i);
+        if (i % 9 == 0) {
+            std::transform(dn.begin(), dn.end(), dn.begin(), [](unsigned char c) { return std::toupper(c); });
+        } else if (i % 7 == 0) {
+            dn = "uid=bulk0" + std::to_string(i) + ", ou=People, " + kCorp;
+        }
+        ldif += "member: " + dn + "\n";
+        if (i == 3250) ldif += "member: uid=gone,ou=People," + kCorp + "\n";
+    }
+    ldif += "member: " + group_dn("Sales") + "\n";
+    corp_->apply_ldif(ldif);
+    const std::string mixed = group_dn("Mixed");
+
+    // First walk member by member: the counterparts are created.
+    orv::set_member_read_ahead_enabled(false);
+    const std::vector<orvtest::Entry> created = orvtest::member_entries(ld(), mixed);
+    ASSERT_EQ(created.size(), 102u);  // 100 bulk users, then the two of Sales
+    size_t mark = access_log().size();
+    const std::vector<orvtest::Entry> reference = orvtest::member_entries(ld(), mixed);
+    const size_t reference_requests = searches_since(mark);
+    orv::set_member_read_ahead_enabled(true);
+    mark = access_log().size();
+    const std::vector<orvtest::Entry> ahead = orvtest::member_entries(ld(), mixed);
+    const size_t ahead_requests = searches_since(mark);
+
+    ASSERT_EQ(ahead.size(), reference.size());
+    for (size_t i = 0; i < reference.size(); ++i) EXPECT_EQ(ahead[i], reference[i]) << i;
+    const std::vector<std::string>* ids = orvtest::values_of(reference[0], 11);
+    ASSERT_NE(ids, nullptr) << "the counterpart's attributes are part of the entry";
+    EXPECT_EQ(ids->size(), 1u);
+    // Member by member: a base read per member (the role searches, answered
+    // 32 by this server, stop after the first two members).
+    EXPECT_GE(reference_requests, 103u);
+    std::printf("corporate searches: member by member %zu, windowed %zu\n", reference_requests, ahead_requests);
+    // Windowed: the member list, two checked role searches, a window whose
+    // DN attribute does not match on this server and the member read alone
+    // that shows it, then a window of 50 and the rest, Sales and its users.
+    EXPECT_LE(ahead_requests, 16u);
+
+    // A write to the counterpart of the member after the one just delivered.
+    char value[] = "changed-during-walk";
+    char* values[] = {value, nullptr};
+    const std::string next = bulk_dn(3206);
+    const std::vector<orvtest::Entry> written = orvtest::member_entries(ld(), mixed, [&](size_t delivered) {
+        if (delivered == 5) {
+            EXPECT_EQ(orvlib_modify_ext_s(ld(), next.c_str(), 1, 12, values), 0);
+        }
+    });
+    ASSERT_EQ(written.size(), 102u);
+    const std::vector<std::string>* seen = orvtest::values_of(written[5], 12);
+    ASSERT_NE(seen, nullptr);
+    EXPECT_EQ(*seen, std::vector<std::string>{"changed-during-walk"});
+    EXPECT_EQ(orvtest::values_of(reference[5], 12), nullptr);
 }
 
 }  // namespace

@@ -60,8 +60,52 @@ const MemberEntries* member_entries_of(LDAP* ld, char** list, int n, int* status
 void forget_member_entries();
 
 // On by default; off makes every member be read by itself (a reference for
-// tests).
+// tests).  It covers both walks, the library's own and the corporate one.
 void set_member_read_ahead_enabled(bool enabled);
+
+// ---- the corporate member walk
+// In corporate mode each member is read from the corporate server and, with
+// generated application ids, given its local counterpart (the entry whose
+// "orvCorporateDN" names it).  Asked per member that is two requests in a
+// row; instead the walk reads a window of the next kCorporateWindow members
+// at once:
+//  - their corporate entries, one one-level search per container with two
+//    or more of the window's members, "(&<strict person filter>(|(A=dn)...))"
+//    where A is the DN attribute the server matches ("distinguishedName" on
+//    a domain controller, "entryDN" on other servers; when a window brings
+//    back none of its members and one of them is then read alone as a
+//    person, the other attribute is tried, and after that nothing is read
+//    ahead for the rest of the walk);
+//  - the counterparts of the entries found, one search
+//    "(&(objectclass=morvaneperson)(|(orvCorporateDN=dn)...))" in the
+//    library's own directory.
+// A counterpart is taken only when its "orvCorporateDN" equals the
+// corporate DN in ASCII case-insensitive comparison and no other entry
+// claims the same DN; a member without a certain counterpart is looked up
+// by itself, so a counterpart is created only after the directory has said
+// there is none.  A write through the library to an entry read ahead drops
+// that entry, so the walk never delivers an entry older than its last
+// write.  A lost connection drops the window.
+constexpr int kCorporateWindow = 50;
+
+struct CorporateWindow;
+
+// The corporate entry of list[index] read ahead on corp (NULL: read the
+// member by itself).  local is the library's own connection, where the
+// counterparts are read.
+LDAPMessage* corporate_member_entry(LDAP* corp, LDAP* local, char** list, int n, int index);
+// A member of the walk was read by itself; person: the corporate server
+// answered it as a person.
+void corporate_member_read_alone(const char* dn, bool person);
+// The counterpart read ahead for corporate_dn on local, or NULL when it is
+// to be looked up.
+LDAPMessage* corporate_counterpart(LDAP* local, const std::string& corporate_dn);
+void forget_corporate_window();
+// Requests the current corporate window has sent (tests, the benchmark).
+int corporate_window_requests();
+
+// A write to dn through the library: entries of dn read ahead are dropped.
+void note_written(const char* dn);
 
 }  // namespace orv
 

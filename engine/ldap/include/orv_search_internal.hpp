@@ -100,7 +100,8 @@ struct Membership {
 };
 
 struct RoleLookups;  // orv_role_index.hpp
-struct MemberEntries;  // orv_member_entries.hpp
+struct MemberEntries;    // orv_member_entries.hpp
+struct CorporateWindow;  // orv_member_entries.hpp
 
 // Everything one search keeps while its caller iterates: pages, held
 // messages, cursors of the local searches, the member count of the
@@ -118,10 +119,12 @@ struct SearchState {
     Membership library_membership;   // library group, corporate user
     bool ended = false;              // the iteration has returned its end
     // Roles and database ids read once for the entries of this search
-    // (orv_role_index.hpp).
-    std::shared_ptr<RoleLookups> roles;
+    // (orv_role_index.hpp), one set per connection entries are read on.
+    std::shared_ptr<RoleLookups> roles[2];
     // Person entries of the group members, read ahead of the member walk.
     std::shared_ptr<MemberEntries> members;
+    // Corporate members and their counterparts, read a window ahead.
+    std::shared_ptr<CorporateWindow> corporate;
 };
 
 // The current search.
