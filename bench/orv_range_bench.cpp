@@ -41,20 +41,48 @@ double seconds_since(std::chrono::steady_clock::time_point t) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
 }
 
-// Base searches the corporate server logged, in total and of the group.
-void count_requests(const orv::testbed::Directory& corp, const std::string& group, size_t from,
-                    size_t* lines_out, long* all, long* of_group) {
-    std::ifstream in(corp.workdir() + "/root/var/log/dirsrv/slapd-" + corp.name() + "/access");
-    size_t n = 0;
-    *all = *of_group = 0;
+// What a server's access log shows after line `from`: search requests (in
+// total and with the group as base) and the server's working time
+// ("optime" of each result, the time from the operation's start to its
+// result, without the wait for a worker thread).
+struct Logged {
+    size_t lines = 0;
+    long searches = 0;
+    long of_group = 0;
+    long others = 0;  // adds and modifies
+    double optime = 0;
+};
+
+Logged count_requests(const orv::testbed::Directory& dir, const std::string& group, size_t from) {
+    std::ifstream in(dir.workdir() + "/root/var/log/dirsrv/slapd-" + dir.name() + "/access");
+    Logged out;
     const std::string base = "base=\"" + group + "\"";
+    size_t n = 0;
     for (std::string line; std::getline(in, line); ++n) {
-        if (n < from || line.find(" SRCH ") == std::string::npos) continue;
-        ++*all;
-        if (line.find(base) != std::string::npos) ++*of_group;
+        if (n < from) continue;
+        if (line.find(" SRCH ") != std::string::npos) {
+            ++out.searches;
+            if (line.find(base) != std::string::npos) ++out.of_group;
+        } else if (line.find(" ADD ") != std::string::npos || line.find(" MOD ") != std::string::npos) {
+            ++out.others;
+        } else if (line.find(" RESULT ") != std::string::npos) {
+            const std::string::size_type at = line.find(" optime=");
+            if (at != std::string::npos) out.optime += std::atof(line.c_str() + at + 8);
+        }
     }
-    *lines_out = n;
+    out.lines = n;
+    return out;
 }
+
+double cpu_seconds() {
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+const char kUnbufferedLog[] =
+    "dn: cn=config\nchangetype: modify\nreplace: nsslapd-accesslog-logbuffering\n"
+    "nsslapd-accesslog-logbuffering: off\n";
 
 }  // namespace
 
@@ -86,10 +114,10 @@ int main(int argc, char** argv) {
             "nsslapd-pluginPath: " ORV_MEMBER_RANGES_PLUGIN "\n"
             "nsslapd-pluginInitfunc: orv_member_ranges_init\nnsslapd-pluginType: object\n"
             "nsslapd-pluginEnabled: on\nnsslapd-pluginId: orv-member-ranges\nnsslapd-pluginVersion: 1.0\n"
-            "nsslapd-pluginVendor: ORV test bed\nnsslapd-pluginDescription: member values in ranges\n\n"
-            "dn: cn=config\nchangetype: modify\nreplace: nsslapd-accesslog-logbuffering\n"
-            "nsslapd-accesslog-logbuffering: off\n");
+            "nsslapd-pluginVendor: ORV test bed\nnsslapd-pluginDescription: member values in ranges\n\n" +
+            std::string(kUnbufferedLog));
         corp.restart();
+        local.apply_ldif(kUnbufferedLog);
         local.reseed("corporate", {{"corp_host", corp.host()},
                                    {"corp_port", std::to_string(corp.port())},
                                    {"corp_suffix", kCorp}});
@@ -108,9 +136,8 @@ int main(int argc, char** argv) {
             return 1;
         }
         std::printf("peak RSS after opening the session: %ld KiB\n", peak_rss_kb());
-        size_t mark = 0;
-        long all = 0, of_group = 0;
-        count_requests(corp, group, 0, &mark, &all, &of_group);
+        size_t mark = count_requests(corp, group, 0).lines;
+        size_t local_mark = count_requests(local, group, 0).lines;
 
         {
             // The member DNs alone, collected in ranges as the searches do.
@@ -119,14 +146,16 @@ int main(int argc, char** argv) {
             const double s = seconds_since(t);
             const int n = dns ? count_array_elements(dns) : 0;
             orvlib_free_values(dns);
-            count_requests(corp, group, mark, &mark, &all, &of_group);
+            const Logged c = count_requests(corp, group, mark);
+            mark = c.lines;
             std::printf("member DNs collected in ranges: %d in %.2f s, %ld requests; peak RSS %ld KiB\n", n, s,
-                        of_group, peak_rss_kb());
+                        c.of_group, peak_rss_kb());
             std::fflush(stdout);
             if (n != members) status = 1;
         }
         for (int round = 1; round <= rounds; ++round) {
             auto t = std::chrono::steady_clock::now();
+            const double cpu0 = cpu_seconds();
             LDAPMessage* res = nullptr;
             const int rc = orvlib_search_ext_s(ld, group.c_str(), ORV_SEARCH_GROUP_MEMBERS, &res);
             const double search_s = seconds_since(t);
@@ -144,12 +173,19 @@ int main(int argc, char** argv) {
             const int end_status = ldapErrCode;
             orvlib_orvmessage_free(res);
             const double total_s = seconds_since(t);
-            count_requests(corp, group, mark, &mark, &all, &of_group);
+            const double cpu_s = cpu_seconds() - cpu0;
+            const Logged c = count_requests(corp, group, mark);
+            const Logged l = count_requests(local, group, local_mark);
+            mark = c.lines;
+            local_mark = l.lines;
             std::printf("round %d: status %d, end %d, %ld members delivered; "
-                        "member DNs collected in %.2f s, whole iteration %.2f s (%.0f members/s); "
-                        "corporate searches %ld (%ld of the group); peak RSS %ld KiB\n",
+                        "member DNs collected in %.2f s, whole iteration %.2f s (%.0f members/s), "
+                        "client CPU %.2f s; corporate server: %ld searches (%ld of the group), "
+                        "working time %.2f s; ORV directory: %ld searches, %ld adds and modifies, "
+                        "working time %.2f s; peak RSS %ld KiB\n",
                         round, rc, end_status, delivered, search_s, total_s,
-                        total_s > 0 ? delivered / total_s : 0.0, all, of_group, peak_rss_kb());
+                        total_s > 0 ? delivered / total_s : 0.0, cpu_s, c.searches, c.of_group, c.optime,
+                        l.searches, l.others, l.optime, peak_rss_kb());
             std::fflush(stdout);
             if (rc != 0 || end_status != 0 || delivered != members) status = 1;
         }

@@ -56,6 +56,34 @@ int search(LDAP* ld, const char* base, int scope, const char* filter, const char
     return status_from_ldap(rc);
 }
 
+int search_start(LDAP* ld, const char* base, int scope, const char* filter,
+                 const char* const* attrs, int* msgid) {
+    if (!ld || !msgid) return kParamError;
+    return status_from_ldap(ldap_search_ext(ld, base ? base : "", scope, filter,
+                                            const_cast<char**>(attrs), 0, nullptr, nullptr,
+                                            nullptr, LDAP_NO_LIMIT, msgid));
+}
+
+int search_finish(LDAP* ld, int msgid, LdapMsg& result) {
+    result.reset();
+    if (!ld) return kParamError;
+    timeval limit{g_timeout_seconds, 0};
+    LDAPMessage* res = nullptr;
+    const int type = ldap_result(ld, msgid, LDAP_MSG_ALL, &limit, &res);
+    result.reset(res);
+    if (type == 0) {
+        ldap_abandon_ext(ld, msgid, nullptr, nullptr);
+        return kTimeout;
+    }
+    if (type < 0) {
+        const int rc = last_error(ld);
+        return rc != LDAP_SUCCESS ? rc : kServerDown;
+    }
+    int err = LDAP_OTHER;
+    const int rc = ldap_parse_result(ld, res, &err, nullptr, nullptr, nullptr, nullptr, 0);
+    return status_from_ldap(rc != LDAP_SUCCESS ? rc : err);
+}
+
 std::string first_value(LDAP* ld, LDAPMessage* entry, const char* name) {
     if (!ld || !entry || !name) return {};
     LdapBerValues vals(ldap_get_values_len(ld, entry, name));

@@ -197,16 +197,19 @@ std::string canonical_key(const char* dn) {
 }
 
 // Reads the corporate entries of the window's members, container by
-// container.  False when the connection was lost (the window is dropped;
-// the members are read alone, which reports or re-opens).
-bool read_corporate_entries(CorporateWindow& w,
+// container.  A lost connection drops them: the members are read alone,
+// which reports or re-opens.
+void read_corporate_entries(CorporateWindow& w,
                             const std::map<std::string, std::vector<int>>& by_parent,
                             const std::map<std::string, std::string>& parent_base) {
     const char* attr = dn_attributes()[w.attr];
     for (const auto& [parent, members] : by_parent) {
         if (members.size() < 2) continue;  // as cheap to read alone
         std::string filter = std::string("(&") + kPersonFilterStrict + "(|";
-        for (int i : members) filter += std::string("(") + attr + "=" + filter_value(w.list[i]) + ")";
+        for (int i : members) {
+            filter += std::string("(") + attr + "=" + filter_value(w.list[i]) + ")";
+            w.asked.insert(canonical_key(w.list[i]));
+        }
         filter += "))";
         LdapMsg res;
         ++w.requests;
@@ -215,7 +218,7 @@ bool read_corporate_entries(CorporateWindow& w,
         if (lost(rc)) {
             w.entries.clear();
             w.asked.clear();
-            return false;
+            return;
         }
         if (rc != LDAP_SUCCESS) {
             ORV_DEBUG("Corporate members not read ahead: ", rc);
@@ -229,25 +232,36 @@ bool read_corporate_entries(CorporateWindow& w,
         }
         w.results.push_back(std::move(res));
     }
-    return true;
 }
 
-// Reads the local counterparts of the corporate entries read ahead.
-void read_counterparts(CorporateWindow& w) {
-    if (!w.local || w.entries.empty() || orvlib_get_user_uuid_generation_flag() != 1) return;
-    std::unordered_set<std::string> keys;
+// Sends the search for the local counterparts of the window's members (by
+// their DNs as the member list writes them; a domain controller writes
+// them as the entries' own DNs), while the corporate server is asked for
+// the entries.  Returns its message id, or -1 when none was sent.
+int start_counterparts(CorporateWindow& w, const std::vector<int>& members,
+                       std::unordered_set<std::string>& keys) {
+    if (!w.local || members.empty() || orvlib_get_user_uuid_generation_flag() != 1) return -1;
     std::string filter = "(&(objectclass=morvaneperson)(|";
-    for (const auto& item : w.entries) {
-        const std::string dn = entry_dn(w.corp, item.second);
-        if (dn.empty() || !keys.insert(ascii_lower(dn)).second) continue;
-        filter += "(orvCorporateDN=" + filter_value(dn) + ")";
+    for (int i : members) {
+        if (!keys.insert(ascii_lower(w.list[i])).second) continue;
+        filter += "(orvCorporateDN=" + filter_value(w.list[i]) + ")";
     }
     filter += "))";
-    LdapMsg res;
+    int msgid = -1;
     ++w.requests;
-    const int rc = search(w.local, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),
-                          ORVLIB_EXT_USER_ATTR_LIST, 0, res);
-    if (rc != LDAP_SUCCESS) return;  // each member looks its counterpart up
+    if (search_start(w.local, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),
+                     ORVLIB_EXT_USER_ATTR_LIST, &msgid) != LDAP_SUCCESS)
+        return -1;
+    return msgid;
+}
+
+// Takes the counterparts that are certain: an entry whose "orvCorporateDN"
+// equals one of the DNs asked for (ASCII case-insensitively) and no other
+// entry with that DN.
+void finish_counterparts(CorporateWindow& w, int msgid, const std::unordered_set<std::string>& keys) {
+    if (msgid < 0) return;
+    LdapMsg res;
+    if (search_finish(w.local, msgid, res) != LDAP_SUCCESS) return;  // each looks its own up
     std::unordered_set<std::string> claimed_twice;
     for (LDAPMessage* e = ldap_first_entry(w.local, res.get()); e;
          e = ldap_next_entry(w.local, e)) {
@@ -283,19 +297,25 @@ void read_window(CorporateWindow& w, int n, int from) {
     std::map<std::string, std::vector<int>> by_parent;
     std::map<std::string, std::string> parent_base;
     std::vector<std::string> rdns;
+    std::unordered_set<std::string> seen;
     int taken = 0;
     int i = from;
     for (; i < n && taken < kCorporateWindow; ++i) {
         const char* dn = w.list[i];
         if (!dn || !canonical_dn(dn, rdns) || rdns.size() < 2) continue;
-        if (!w.asked.insert(join_rdns(rdns)).second) continue;  // a repeated member
+        if (!seen.insert(join_rdns(rdns)).second) continue;  // a repeated member
         ++taken;
         const std::string parent = join_rdns(rdns, 1);
         by_parent[parent].push_back(i);
         if (!parent_base.count(parent)) parent_base[parent] = parent_text(dn);
     }
     w.end = i;
-    if (read_corporate_entries(w, by_parent, parent_base)) read_counterparts(w);
+    std::vector<int> members;
+    for (const auto& item : by_parent) members.insert(members.end(), item.second.begin(), item.second.end());
+    std::unordered_set<std::string> keys;
+    const int counterparts = start_counterparts(w, members, keys);
+    read_corporate_entries(w, by_parent, parent_base);
+    finish_counterparts(w, counterparts, keys);
     ORV_DEBUG("Corporate members read ahead: ", static_cast<long>(w.entries.size()));
 }
 
@@ -350,10 +370,9 @@ int corporate_window_requests() {
     return w ? w->requests : 0;
 }
 
-void note_written(const char* dn) {
-    SearchState& state = search_state();
-    if (!state.corporate && !state.members) return;
-    const std::string key = canonical_key(dn);
+namespace {
+
+void drop_written(SearchState& state, const std::string& key) {
     if (state.members) {
         if (key.empty()) {
             state.members->by_dn.clear();
@@ -374,6 +393,21 @@ void note_written(const char* dn) {
             w->counterparts.erase(it->second);
             w->counterpart_of.erase(it);
         }
+    }
+}
+
+}  // namespace
+
+void note_written(const char* dn) {
+    std::string key;
+    bool keyed = false;
+    for (SearchState* state : all_search_states()) {
+        if (!state->corporate && !state->members) continue;
+        if (!keyed) {
+            key = canonical_key(dn);
+            keyed = true;
+        }
+        drop_written(*state, key);
     }
 }
 

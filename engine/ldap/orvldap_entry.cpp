@@ -575,7 +575,10 @@ int populate_libentry_extended_attributes(LDAP* ld, const char* corporateDN, ORV
     if (ld == nullptr || corporateDN == nullptr || !ensure_entry(entry))
         return orv::report(ORV_LDAPLIB_INVALID_INPUT);
 
-    const std::string filter = std::string("orvCorporateDN") + ORV_CONSTANT_EQUALS + corporateDN;
+    // The corporate DN as a filter value (RFC 4515): "CN=Smith\, John,..."
+    // is matched, not refused as a malformed filter.
+    const std::string filter =
+        std::string("orvCorporateDN") + ORV_CONSTANT_EQUALS + orv::filter_value(corporateDN);
     ORV_DEBUG("Filter: ", filter);
     orv::LdapMsg result;
     const int rc = orv::search(ld, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),

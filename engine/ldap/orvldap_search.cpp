@@ -127,9 +127,17 @@ namespace orv {
 
 namespace {
 SearchState g_current;
+// The searches NestedSearch has put aside, innermost last.
+std::vector<SearchState*> g_put_aside;
 }
 
 SearchState& search_state() { return g_current; }
+
+std::vector<SearchState*> all_search_states() {
+    std::vector<SearchState*> out(g_put_aside);
+    out.push_back(&g_current);
+    return out;
+}
 
 void release_search_state() {
     free_dn_lists();
@@ -226,10 +234,12 @@ NestedSearch::NestedSearch() : saved_(new Saved) {
     saved_->globals.take();
     saved_->state = std::move(g_current);
     g_current = SearchState();
+    g_put_aside.push_back(&saved_->state);
 }
 
 NestedSearch::~NestedSearch() {
     release_search_state();
+    g_put_aside.pop_back();
     g_current = std::move(saved_->state);
     saved_->globals.put_back();
 }

@@ -476,11 +476,15 @@ TEST_F(AdTest, FirstSearchMirrorsSecondUpdatesTheState) {
     run(ld(), "Sales", ORV_SEARCH_GROUPS);
     EXPECT_EQ(mirrored_groups().size(), group_count);
 
-    // Without generated ids a search mirrors nothing.
+    // Without generated ids a search mirrors nothing, and an existing
+    // counterpart is still found by its corporate DN, comma and all.
     orvlib_set_user_uuid_generation_flag(0);
     run(ld(), "mjones", ORV_SEARCH_PEOPLE);
+    o = run(ld(), "smithj", ORV_SEARCH_PEOPLE);
     orvlib_set_user_uuid_generation_flag(1);
     EXPECT_EQ(mirrored_users().count(lower("uid=mjones,ou=People," + dir().suffix())), 0u);
+    ASSERT_EQ(o.rows.size(), 1u);
+    EXPECT_EQ(o.rows[0].corp_dn, "CN=Smith\\, John," + kStaff);
 }
 
 TEST_F(AdTest, ModifyWritesToTheLocalCounterpart) {

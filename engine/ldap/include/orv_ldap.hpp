@@ -67,6 +67,14 @@ int prepare_handle(LDAP* ld);
 int search(LDAP* ld, const char* base, int scope, const char* filter, const char* const* attrs,
            int attrsonly, LdapMsg& result);
 
+// The same search in two steps, so that requests to two servers can be
+// under way together: search_start sends it (*msgid receives its id),
+// search_finish waits for all of its result, at most the library's time-out
+// (then the request is abandoned: 85).  Status of the result.
+int search_start(LDAP* ld, const char* base, int scope, const char* filter,
+                 const char* const* attrs, int* msgid);
+int search_finish(LDAP* ld, int msgid, LdapMsg& result);
+
 // First value of attribute `name` of an entry, or empty when absent.
 std::string first_value(LDAP* ld, LDAPMessage* entry, const char* name);
 

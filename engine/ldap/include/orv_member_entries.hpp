@@ -76,9 +76,11 @@ void set_member_read_ahead_enabled(bool enabled);
 //    back none of its members and one of them is then read alone as a
 //    person, the other attribute is tried, and after that nothing is read
 //    ahead for the rest of the walk);
-//  - the counterparts of the entries found, one search
+//  - their counterparts, one search
 //    "(&(objectclass=morvaneperson)(|(orvCorporateDN=dn)...))" in the
-//    library's own directory.
+//    library's own directory with the DNs as the member list writes them
+//    (a domain controller writes them as the entries' own DNs), sent first
+//    so that both servers work on the window at the same time.
 // A counterpart is taken only when its "orvCorporateDN" equals the
 // corporate DN in ASCII case-insensitive comparison and no other entry
 // claims the same DN; a member without a certain counterpart is looked up

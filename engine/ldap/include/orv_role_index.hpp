@@ -16,6 +16,13 @@
 // hex-encoded values, runs of blanks) makes the index decline, and the
 // entry is then answered by the directory as before.  Its memory is bounded
 // (kRoleIndexLimit); a role set that needs more is not indexed.
+//
+// Look-ups are kept per connection (two per search: in corporate mode the
+// corporate entries are read on the corporate connection and their
+// counterparts on the library's own).  A server on which the group base
+// does not exist (a corporate server: its first two entries' role searches
+// and the read of the roles all answered 32) gives every later entry the
+// same answer without asking: no roles, status 32.
 #ifndef ORV_ROLE_INDEX_HPP
 #define ORV_ROLE_INDEX_HPP
 

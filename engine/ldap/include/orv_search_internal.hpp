@@ -129,6 +129,8 @@ struct SearchState {
 
 // The current search.
 SearchState& search_state();
+// The current search and those put aside under it (NestedSearch).
+std::vector<SearchState*> all_search_states();
 
 // Keeps a message in a slot of the current search; replaces (frees) the
 // message held in the same slot before.
