@@ -138,10 +138,15 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
         if (!dn) continue;
         ORV_DEBUG("Zorla Group Members List: ", dn);
         LDAP* conn = corporate ? corporate_admin_ld : own;
-        if (!corporate) {
-            // The library's own members: their entries are read ahead.
+        // Members' entries are read ahead: the library's own once per member
+        // list, corporate ones (with their counterparts) a window at a time.
+        LDAPMessage* ahead = nullptr;
+        if (corporate) {
+            ahead = orv::corporate_member_entry(conn, own, GLOBAL_ZORLA_GROUPMEMBERS_LIST,
+                                                member_count(), index);
+        } else {
             int ahead_rc = 0;
-            const orv::MemberEntries* ahead = orv::member_entries_of(
+            const orv::MemberEntries* entries = orv::member_entries_of(
                 own, GLOBAL_ZORLA_GROUPMEMBERS_LIST, member_count(), &ahead_rc);
             if (ahead_rc != 0) {
                 ORV_DEBUG("Member walk ends, connection lost: ", ahead_rc);
@@ -149,26 +154,15 @@ LDAPMessage* members_step(LDAP* ld, ORVLibEntry** entry) {
                 orv::report(ahead_rc);
                 return nullptr;
             }
-            if (LDAPMessage* e = ahead ? orv::member_entry(*ahead, dn) : nullptr) {
-                orv::release(orv::Held::Members);
-                orv::fill_entry(conn, entry, e);
-                check_and_populate_extended_information(own, &e, entry, ORV_SEARCH_GROUP_MEMBERS);
-                orvlib_memfree(dn);
-                GLOBAL_ZORLA_GROUPMEMBERS_LIST[index] = nullptr;
-                return e;
-            }
+            ahead = entries ? orv::member_entry(*entries, dn) : nullptr;
         }
-        if (corporate) {
-            // Corporate members and their counterparts: read a window ahead.
-            if (LDAPMessage* e = orv::corporate_member_entry(
-                    conn, own, GLOBAL_ZORLA_GROUPMEMBERS_LIST, member_count(), index)) {
-                orv::release(orv::Held::Members);
-                orv::fill_entry(conn, entry, e);
-                check_and_populate_extended_information(own, &e, entry, ORV_SEARCH_GROUP_MEMBERS);
-                orvlib_memfree(dn);
-                GLOBAL_ZORLA_GROUPMEMBERS_LIST[index] = nullptr;
-                return e;
-            }
+        if (ahead) {
+            orv::release(orv::Held::Members);
+            orv::fill_entry(conn, entry, ahead);
+            check_and_populate_extended_information(own, &ahead, entry, ORV_SEARCH_GROUP_MEMBERS);
+            orvlib_memfree(dn);
+            GLOBAL_ZORLA_GROUPMEMBERS_LIST[index] = nullptr;
+            return ahead;
         }
         orv::LdapMsg res;
         int rc = read_member(conn, dn, res);

@@ -643,39 +643,28 @@ int entry_dn_exists_in_tier2(LDAP* ld, const char* corporateDN, ORVLibEntry** en
         return orv::report(ORV_LDAPLIB_INVALID_INPUT);
 
     // The member walk reads counterparts ahead (orv_member_entries.hpp).
-    if (LDAPMessage* ahead = orv::corporate_counterpart(ld, corporateDN)) {
-        if (!ensure_entry(entry)) {
-            orv::report(ORV_LDAPLIB_UNKNOWN_ERROR);
+    LDAPMessage* first = orv::corporate_counterpart(ld, corporateDN);
+    orv::LdapMsg result;
+    if (first == nullptr) {
+        // The corporate DN as it stands, as a filter value (RFC 4515).
+        const std::string escaped = orv::filter_value(corporateDN);
+        ORV_DEBUG("Modified DN ", escaped);
+        const std::string filter = std::string("(&(objectclass") + ORV_CONSTANT_EQUALS +
+                                   "morvaneperson)(orvCorporateDN" + ORV_CONSTANT_EQUALS +
+                                   escaped + "))";
+        ORV_DEBUG("Search Filter: ", filter);
+        const int rc = orv::search(ld, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),
+                                   ORVLIB_EXT_USER_ATTR_LIST, 0, result);
+        if (rc != LDAP_SUCCESS) {
+            orv::report(rc);
             return 0;
         }
-        append_from_server(ld, ahead, *entry, CopyLog::Tier2);
-        if (_current_search_type == ORV_SEARCH_PEOPLE ||
-            _current_search_type == ORV_SEARCH_GROUP_MEMBERS)
-            append_roles(ld, *entry, corporateDN);
-        append_databases(ld, *entry);
-        return 1;
-    }
-
-    // The corporate DN as it stands, as a filter value (RFC 4515).
-    const std::string escaped = orv::filter_value(corporateDN);
-    ORV_DEBUG("Modified DN ", escaped);
-    const std::string filter = std::string("(&(objectclass") + ORV_CONSTANT_EQUALS +
-                               "morvaneperson)(orvCorporateDN" + ORV_CONSTANT_EQUALS + escaped +
-                               "))";
-    ORV_DEBUG("Search Filter: ", filter);
-
-    orv::LdapMsg result;
-    const int rc = orv::search(ld, ORV_PEOPLE_SRCH_BASE, LDAP_SCOPE_SUBTREE, filter.c_str(),
-                               ORVLIB_EXT_USER_ATTR_LIST, 0, result);
-    if (rc != LDAP_SUCCESS) {
-        orv::report(rc);
-        return 0;
-    }
-    if (ldap_count_entries(ld, result.get()) <= 0) return 0;
-    LDAPMessage* first = ldap_first_entry(ld, result.get());
-    if (first == nullptr) {
-        orv::report(orv::last_error(ld));
-        return 0;
+        if (ldap_count_entries(ld, result.get()) <= 0) return 0;
+        first = ldap_first_entry(ld, result.get());
+        if (first == nullptr) {
+            orv::report(orv::last_error(ld));
+            return 0;
+        }
     }
     if (!ensure_entry(entry)) {
         orv::report(ORV_LDAPLIB_UNKNOWN_ERROR);
