@@ -131,7 +131,7 @@ int extended_operation(LDAP* ld, const char* oid, const std::string& value,
 
 int modify(LDAP* ld, const char* dn, LDAPMod** mods) {
     if (!ld) return kParamError;
-    note_written(dn);
+    note_written(dn);  // entries of dn read ahead by a member walk are dropped
     return status_from_ldap(ldap_modify_ext_s(ld, dn ? dn : "", mods, nullptr, nullptr));
 }
 
