@@ -184,12 +184,6 @@ const char* const* dn_attributes() {
     return mechanism == ORV_PAGING ? kDomainController : kOther;
 }
 
-std::string ascii_lower(const std::string& text) {
-    std::string out(text);
-    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
-}
-
 std::string canonical_key(const char* dn) {
     std::vector<std::string> rdns;
     if (!dn || !canonical_dn(dn, rdns)) return {};
@@ -243,7 +237,7 @@ int start_counterparts(CorporateWindow& w, const std::vector<int>& members,
     if (!w.local || members.empty() || orvlib_get_user_uuid_generation_flag() != 1) return -1;
     std::string filter = "(&(objectclass=morvaneperson)(|";
     for (int i : members) {
-        if (!keys.insert(ascii_lower(w.list[i])).second) continue;
+        if (!keys.insert(lowered(w.list[i])).second) continue;
         filter += "(orvCorporateDN=" + filter_value(w.list[i]) + ")";
     }
     filter += "))";
@@ -267,7 +261,7 @@ void finish_counterparts(CorporateWindow& w, int msgid, const std::unordered_set
          e = ldap_next_entry(w.local, e)) {
         bool matched = false;
         for (const std::string& value : attribute_values(w.local, e, "orvCorporateDN")) {
-            const std::string key = ascii_lower(value);
+            const std::string key = lowered(value);
             if (!keys.count(key)) continue;
             matched = true;
             if (!w.counterparts.emplace(key, e).second) claimed_twice.insert(key);
@@ -359,7 +353,7 @@ LDAPMessage* corporate_counterpart(LDAP* local, const std::string& corporate_dn)
     CorporateWindow* w = search_state().corporate.get();
     if (!w || !local || w->local != local || _current_search_type != ORV_SEARCH_GROUP_MEMBERS)
         return nullptr;
-    auto it = w->counterparts.find(ascii_lower(corporate_dn));
+    auto it = w->counterparts.find(lowered(corporate_dn));
     return it == w->counterparts.end() ? nullptr : it->second;
 }
 

@@ -35,12 +35,6 @@ int ldap_operation(unsigned long modification_type) {
     }
 }
 
-std::string lowered(const char* text) {
-    std::string out(text != nullptr ? text : "");
-    for (char& ch : out) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    return out;
-}
-
 // Runs f with ORV_OPERATION_MODE set to 0 and sets it back to 1 afterwards.
 template <typename F>
 auto in_standalone_mode(F f) -> decltype(f()) {
@@ -427,7 +421,8 @@ int orvlib_modify_ext_s(LDAP* ld, const char* entryDN, unsigned long modificatio
     ORV_DEBUG("Entry DN: ", entryDN);
 
     // Application registry entries are changed as they stand.
-    if (lowered(entryDN).find(lowered(ORV_APPLICATION_REGISTRY_BASE)) != std::string::npos)
+    if (orv::lowered(entryDN).find(orv::lowered(ORV_APPLICATION_REGISTRY_BASE)) !=
+        std::string::npos)
         return modify_appregistry_element(orv_ld, entryDN, attrId, attrVals, modification_type);
 
     // Groups of the library's own directory, then of the corporate one.

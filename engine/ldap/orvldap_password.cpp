@@ -180,11 +180,6 @@ int replace_value(LDAP* ld, const char* dn, const char* name, const char* value)
     return orv::modify(ld, dn, mods);
 }
 
-std::string lowered(std::string text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
 bool contains(const std::string& text, const char* part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
@@ -193,7 +188,7 @@ namespace orv {
 
 int password_refusal_status(int rc, const std::string& serverText) {
     if (rc != LDAP_CONSTRAINT_VIOLATION) return rc;
-    const std::string text = lowered(serverText);
+    const std::string text = orv::lowered(serverText);
     if (contains(text, "history")) return ORV_LDAPLIB_PASSWORD_IN_HISTORY;
     if (contains(text, "short") || (contains(text, "must be at least") && contains(text, "characters long")))
         return ORV_LDAPLIB_PASSWORD_TOO_SHORT;

@@ -24,17 +24,13 @@
 #include "orv_ldap.hpp"
 #include "orvldap_utils.h"
 
+using orv::lowered;
+
 namespace {
 
 // Copy of text through the library allocator (NULL if allocation fails).
 char* orv_copy(const std::string& text) {
     return _orvlib_dupString(text.c_str());
-}
-
-std::string lowered(const std::string& text) {
-    std::string out(text);
-    for (char& ch : out) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    return out;
 }
 
 std::string without_spaces(const std::string& text) {
@@ -170,6 +166,12 @@ void append_escaped(std::string& out, char ch) {
 }
 
 }  // namespace
+
+std::string lowered(const std::string& text) {
+    std::string out(text);
+    for (char& ch : out) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    return out;
+}
 
 std::string filter_value(const std::string& value) {
     std::string out;

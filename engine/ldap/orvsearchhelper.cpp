@@ -412,14 +412,9 @@ struct MemberRange {
     long high = -1;
 };
 
-std::string lowered_copy(std::string text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
-
 MemberRange member_range_of(const std::string& name) {
     MemberRange r;
-    const std::string::size_type at = lowered_copy(name).find(kMemberRange);
+    const std::string::size_type at = orv::lowered(name).find(kMemberRange);
     if (at == std::string::npos) return r;
     r.ranged = true;
     const std::string range = name.substr(at + sizeof kMemberRange - 1);

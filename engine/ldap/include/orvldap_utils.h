@@ -83,6 +83,9 @@ ORV_API int check_min_diff_characters(int limit, const char* new_password);
 
 namespace orv {
 
+/* The text with its ASCII letters in lower case. */
+std::string lowered(const std::string& text);
+
 /* A value as it goes into a search filter (RFC 4515): "*", "(", ")" and
  * "\" become \2a, \28, \29 and \5c, so that whatever a caller typed (a
  * login name, a group name, a DN) is compared as it is and never changes
